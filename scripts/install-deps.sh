@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building and testing need, and only those that are missing.
+# Run as root (or through sudo) on Debian 12; safe to run again.
+set -u
+
+need=(cmake make g++ pkg-config python3
+      libsafec-dev libgtest-dev libgmock-dev libboost-dev libprotobuf-dev protobuf-compiler
+      libbenchmark-dev clang libclang-rt-14-dev
+      g++-multilib libsafec-dev:i386 libgtest-dev:i386)
+# libprotobuf for i386 lets the 32-bit build run the interoperability tests too; when Debian's
+# i386 archive cannot supply it, that build skips them and says so.
+optional=(libprotobuf-dev:i386)
+
+missing() {
+    local out=() p
+    for p in "$@"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || out+=("$p")
+    done
+    echo "${out[@]:-}"
+}
+
+sudo_cmd=()
+[ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
+export DEBIAN_FRONTEND=noninteractive
+
+if ! dpkg --print-foreign-architectures | grep -qx i386; then
+    "${sudo_cmd[@]}" dpkg --add-architecture i386
+    updated=0
+fi
+
+todo=$(missing "${need[@]}")
+opt=$(missing "${optional[@]}")
+if [ -n "$todo" ] || [ -n "$opt" ]; then
+    for attempt in 1 2 3; do
+        "${sudo_cmd[@]}" apt-get update -qq && break
+        echo "apt-get update failed (attempt $attempt); retrying" >&2
+        sleep 5
+    done
+fi
+if [ -n "$todo" ]; then
+    echo "Installing: $todo"
+    # shellcheck disable=SC2086
+    "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends $todo >/dev/null || {
+        echo "error: could not install: $todo" >&2
+        exit 1
+    }
+fi
+if [ -n "$opt" ]; then
+    # shellcheck disable=SC2086
+    "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends $opt >/dev/null 2>&1 ||
+        echo "note: $opt not installable here; the i386 build will skip the libprotobuf tests" >&2
+fi
+exit 0

@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "platform/stop.hpp"
+#include "tov/kor_alloc.h"
+
+namespace {
+
+kor_named_stats stats(const char *label) {
+    kor_named_stats s{};
+    kor_named_get_stats(label, &s);
+    return s;
+}
+
+TEST(NamedAlloc, CountsLiveAndPeakPerLabel) {
+    const char *label = "test: live and peak";
+    void *a = kor_named_malloc(10, label, 0);
+    void *b = kor_named_calloc(4, 8, label, 0);
+    ASSERT_TRUE(a && b);
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(static_cast<unsigned char *>(b)[i], 0);
+    EXPECT_EQ(stats(label).live_blocks, 2u);
+    EXPECT_EQ(stats(label).live_bytes, 42u);
+    kor_named_free(a);
+    EXPECT_EQ(stats(label).live_blocks, 1u);
+    EXPECT_EQ(stats(label).peak_blocks, 2u);
+    EXPECT_EQ(stats(label).peak_bytes, 42u);
+
+    // Growing keeps the contents and moves the bytes to the new size.
+    std::memset(b, 0x5a, 32);
+    void *c = kor_named_realloc(b, 100, label, 0);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(static_cast<unsigned char *>(c)[31], 0x5a);
+    EXPECT_EQ(stats(label).live_bytes, 100u);
+    EXPECT_EQ(kor_named_realloc(c, 0, label, 0), nullptr);
+    EXPECT_EQ(stats(label).live_blocks, 0u);
+    EXPECT_EQ(kor_named_free(nullptr), 0u);
+    kor_named_stats unknown;
+    EXPECT_EQ(kor_named_get_stats("test: never used", &unknown), -1);
+    EXPECT_EQ(unknown.total_blocks, 0u);
+}
+
+TEST(NamedAlloc, FailsTheNthCallOnlyAndKeepsReallocBlock) {
+    const char *label = "test: fail nth";
+    kor_named_fail_nth(2);
+    void *a = kor_named_malloc(1, label, 0);
+    void *b = kor_named_malloc(1, label, 0);
+    void *c = kor_named_malloc(1, label, 0);
+    EXPECT_NE(a, nullptr);
+    EXPECT_EQ(b, nullptr);
+    EXPECT_NE(c, nullptr);
+    kor_named_fail_nth(1);
+    EXPECT_EQ(kor_named_realloc(a, 64, label, 0), nullptr); // old block stays valid and counted
+    EXPECT_EQ(stats(label).live_blocks, 2u);
+    kor_named_free(a);
+    kor_named_free(c);
+    kor_named_fail_nth(0);
+    EXPECT_EQ(stats(label).live_blocks, 0u);
+    EXPECT_EQ(kor_named_calloc(SIZE_MAX / 2, 4, label, 0), nullptr); // overflow, not a short block
+}
+
+TEST(NamedAlloc, AccountingHoldsAcrossThreads) {
+    const char *label = "test: threads";
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([label] {
+            for (int i = 0; i < 2000; ++i) kor_named_free(kor_named_malloc(16, label, 0));
+        });
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(stats(label).live_blocks, 0u);
+    EXPECT_EQ(stats(label).total_blocks, 8000u);
+    void *left = kor_named_malloc(3, label, 0);
+    EXPECT_GE(kor_named_report_live(nullptr), 1u);
+    kor_named_free(left);
+}
+
+TEST(StopDeathTest, NullContextStopsTheProcess) {
+    const void *context = nullptr;
+    EXPECT_DEATH(TOV_REQUIRE_CONTEXT(context), "");
+}
+
+} // namespace
