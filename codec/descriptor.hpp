@@ -1,0 +1,148 @@
+// Message descriptors: every message is one constant table of fields in record order, and one
+// engine (engine.cc) does decode, encode, duplicate and free for all of them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+namespace tov::detail {
+
+enum class Kind : uint8_t {
+    Varint32, // unsigned 32-bit scalar, wire type 0
+    Bool,     // one byte 0 or 1, wire type 0
+    Varint64, // unsigned 64-bit scalar, wire type 0
+    String,   // owned NUL-terminated copy, wire type 2
+    Message,  // embedded record held inline, wire type 2
+    Messages, // repeated embedded message: array pointer + uint32_t count, wire type 2
+    Strings,  // repeated string: array of char* + uint32_t count, wire type 2
+    Flag,     // embedded message without fields and without storage: only its presence bit
+};
+
+struct MessageDesc;
+
+struct FieldDesc {
+    uint32_t number;
+    Kind kind;
+    uint16_t offset;       // member (for arrays: the pointer member)
+    uint16_t count_offset; // arrays only: the uint32_t count member
+    const MessageDesc *sub; // Message, Messages, Flag; nullptr in Messages means "this message"
+    uint32_t default_value; // stored by reset; 0 for nearly every field
+};
+
+inline constexpr uint32_t kMaxFieldNumber = 63;
+inline constexpr uint8_t kUnknownField = 0xFF;
+
+struct MessageDesc {
+    const char *name;       // the message's name in the wire schema
+    uint32_t size;          // sizeof the record (0 for a message without storage)
+    uint16_t present_offset;
+    uint8_t field_count;
+    const FieldDesc *fields; // record order = presence-bit order = emission order
+    uint8_t lookup[kMaxFieldNumber + 1]; // field number -> index into fields, or kUnknownField
+    bool has_defaults;       // a non-zero default here or in an inline record
+    bool owns_memory;        // strings or arrays here or in an inline record
+    bool has_inline_records; // an inline Message member
+};
+
+constexpr uint32_t wire_type_of(Kind k) {
+    return (k == Kind::Varint32 || k == Kind::Bool || k == Kind::Varint64) ? 0 : 2;
+}
+
+constexpr const MessageDesc &sub_of(const MessageDesc &m, const FieldDesc &f) { return f.sub ? *f.sub : m; }
+
+// Fails compilation (a throw in a constant expression) when a table row names a member of the
+// wrong type, so a table can never silently disagree with its record.
+template <class Member, class Expected> consteval uint16_t checked_offset(size_t offset) {
+    if (!std::is_same_v<Member, Expected>) throw "table row does not match the record member's type";
+    if (offset > UINT16_MAX) throw "record too large for a table row";
+    return static_cast<uint16_t>(offset);
+}
+
+template <size_t N>
+constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_offset, const FieldDesc (&fields)[N]) {
+    MessageDesc d{name, size, static_cast<uint16_t>(present_offset), static_cast<uint8_t>(N), fields, {}, false,
+                  false, false};
+    for (auto &slot : d.lookup) slot = kUnknownField;
+    for (size_t i = 0; i < N; ++i) {
+        const FieldDesc &f = fields[i];
+        if (f.number == 0 || f.number > kMaxFieldNumber) throw "field number out of range";
+        if (d.lookup[f.number] != kUnknownField) throw "field number used twice";
+        d.lookup[f.number] = static_cast<uint8_t>(i);
+        if (f.default_value != 0) d.has_defaults = true;
+        switch (f.kind) {
+        case Kind::String:
+        case Kind::Strings:
+        case Kind::Messages:
+            d.owns_memory = true;
+            break;
+        case Kind::Message:
+            d.has_inline_records = true;
+            if (f.sub->has_defaults) d.has_defaults = true;
+            if (f.sub->owns_memory) d.owns_memory = true;
+            break;
+        default:
+            break;
+        }
+    }
+    if (N > 8 * 8) throw "too many fields";
+    return d;
+}
+
+// A message without fields (a payload flag such as discard_changes).
+constexpr MessageDesc describe_empty(const char *name, uint32_t size) {
+    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false};
+    for (auto &slot : d.lookup) slot = kUnknownField;
+    return d;
+}
+
+} // namespace tov::detail
+
+// Table rows. Each checks the member's type against the kind it is described as.
+#define TOV_FIELD_VARINT(T, number, member)                                                            \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Varint32,                                                         \
+            ::tov::detail::checked_offset<decltype(T::member), uint32_t>(offsetof(T, member)), 0, nullptr, 0 \
+    }
+#define TOV_FIELD_VARINT_DEFAULT(T, number, member, value)                                             \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Varint32,                                                         \
+            ::tov::detail::checked_offset<decltype(T::member), uint32_t>(offsetof(T, member)), 0, nullptr, value \
+    }
+#define TOV_FIELD_VARINT64(T, number, member)                                                          \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Varint64,                                                         \
+            ::tov::detail::checked_offset<decltype(T::member), uint64_t>(offsetof(T, member)), 0, nullptr, 0 \
+    }
+#define TOV_FIELD_BOOL(T, number, member)                                                              \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Bool,                                                             \
+            ::tov::detail::checked_offset<decltype(T::member), uint8_t>(offsetof(T, member)), 0, nullptr, 0 \
+    }
+#define TOV_FIELD_STRING(T, number, member)                                                            \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::String,                                                           \
+            ::tov::detail::checked_offset<decltype(T::member), char *>(offsetof(T, member)), 0, nullptr, 0 \
+    }
+#define TOV_FIELD_MESSAGE(T, number, member, SubT, sub_desc)                                           \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Message,                                                          \
+            ::tov::detail::checked_offset<decltype(T::member), SubT>(offsetof(T, member)), 0, &(sub_desc), 0 \
+    }
+// sub_desc may be nullptr for a message that repeats itself (a data tree's children).
+#define TOV_FIELD_MESSAGES(T, number, member, count, SubT, sub_desc)                                   \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Messages,                                                         \
+            ::tov::detail::checked_offset<decltype(T::member), SubT *>(offsetof(T, member)),           \
+            ::tov::detail::checked_offset<decltype(T::count), uint32_t>(offsetof(T, count)), sub_desc, 0 \
+    }
+#define TOV_FIELD_STRINGS(T, number, member, count)                                                    \
+    ::tov::detail::FieldDesc {                                                                         \
+        number, ::tov::detail::Kind::Strings,                                                          \
+            ::tov::detail::checked_offset<decltype(T::member), char **>(offsetof(T, member)),          \
+            ::tov::detail::checked_offset<decltype(T::count), uint32_t>(offsetof(T, count)), nullptr, 0 \
+    }
+#define TOV_FIELD_FLAG(number, sub_desc)                                                               \
+    ::tov::detail::FieldDesc { number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0 }
+
+#define TOV_DESCRIBE(name, T, fields) ::tov::detail::describe(name, sizeof(T), offsetof(T, present), fields)

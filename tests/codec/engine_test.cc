@@ -1,0 +1,355 @@
+// The behaviours a table-driven engine could get wrong: varints, presence against content,
+// one-run repeated fields, the result codes, truncation, short capacities, spans and duplication.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "codec_support.hpp"
+
+namespace tov::test {
+namespace {
+
+using detail::kDataTree;
+
+const Label kLabel("codec test: engine");
+
+int32_t decode_tree(DataTree &t, const Bytes &b) {
+    return kesh_tov_datatree_decode_ext(&t, b.data(), static_cast<uint32_t>(b.size()), named_alloc, kLabel.ctx(), 0);
+}
+void free_tree(DataTree &t) { kesh_tov_datatree_free_ext(&t, named_free, 0, 0); }
+
+TEST(Varint, ReadsTruncatesAndRefusesAsTheWireRulesSay) {
+    struct Case {
+        Bytes in;
+        int32_t rc;
+        uint32_t value;
+        uint32_t end;
+    } cases[] = {
+        {{0x05}, 0, 5, 1},
+        {{0xAC, 0x02}, 0, 300, 2},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0x0F}, 0, 0xFFFFFFFF, 5},
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0x7F}, 0, 0xFFFFFFFF, 5},             // only the low four bits of byte 5
+        {{0x81, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x01}, 0, 1, 10}, // ten bytes, low 32 bits
+        {{0x80, 0x80}, -1, 0, 0},                                        // ends without a final byte
+        {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, -1, 0, 0},                // runs off while skipping
+        {{}, -1, 0, 0},
+    };
+    for (const auto &c : cases) {
+        uint32_t value = 0, pos = 0;
+        EXPECT_EQ(protoc99_decode_var32(&value, &pos, c.in.data(), static_cast<uint32_t>(c.in.size())), c.rc)
+            << hex(c.in);
+        if (c.rc == 0) {
+            EXPECT_EQ(value, c.value) << hex(c.in);
+            EXPECT_EQ(pos, c.end);
+        } else {
+            EXPECT_EQ(pos, 0u) << "a failed read leaves the position alone";
+        }
+    }
+    Bytes two = {0x96, 0x01, 0x07};
+    uint32_t pos = 0, value = 0;
+    EXPECT_EQ(protoc99_decode_var32(nullptr, &pos, two.data(), 3), 0); // NULL skips a value
+    EXPECT_EQ(protoc99_decode_var32(&value, &pos, two.data(), 3), 0);
+    EXPECT_EQ(value, 7u);
+    EXPECT_EQ(protoc99_decode_var32(&value, &pos, two.data(), 3), -1); // at the end
+}
+
+TEST(Decode, ResultCodesAndRepeatRules) {
+    struct Case {
+        const char *what;
+        Bytes in;
+        int32_t rc;
+    } cases[] = {
+        {"empty buffer", {}, 0},
+        {"string twice", {0x0A, 0x01, 'a', 0x0A, 0x01, 'b'}, -1},
+        {"varint twice keeps going", {0x20, 0x01, 0x20, 0x02}, 0},
+        {"two runs of children", {0x3A, 0x00, 0x20, 0x01, 0x3A, 0x00}, -1},
+        {"two runs of attributes", {0x32, 0x00, 0x3A, 0x00, 0x32, 0x00}, -1},
+        {"group start, unknown field", {0xA0 | 0x03, 0x01}, -2},
+        {"wire type 4", {0x74}, -2},
+        {"wire types 6 and 7", {0x76}, -2},
+        {"known field, wrong wire type", {0x08, 0x01}, -3},
+        {"varint field as length-delimited", {0x22, 0x00}, -3},
+        {"child run continues with wrong wire type", {0x3A, 0x00, 0x38, 0x00}, -3},
+        {"fixed32 unknown at the very end", {0x0A, 0x00, 0x75, 0x01, 0x02}, 0},
+        {"fixed64 unknown running past the end", {0x71, 0x01}, 0},
+        {"unknown length runs past the end", {0x72, 0x7F, 0x01}, 0},
+        {"unknown varint truncated", {0x70, 0x80}, -1},
+        {"key truncated at the end", {0x20, 0x01, 0x80}, -1},
+        {"string length past the end", {0x0A, 0x05, 'a'}, -1},
+        {"child length past the end", {0x3A, 0x02, 0x08}, -1},
+        {"next key of a run truncated", {0x3A, 0x00, 0xBA}, -1},
+        {"failure inside a child comes out unchanged", {0x3A, 0x02, 0x73, 0x00}, -2},
+        {"node_info twice: the last one is kept", {0x4A, 0x02, 0x10, 0x01, 0x4A, 0x02, 0x10, 0x02}, 0},
+        {"field number 0 is unknown", {0x00, 0x05}, 0},
+        {"field number past the table", {0xF8, 0xFF, 0xFF, 0xFF, 0x0F, 0x01}, 0},
+    };
+    for (const auto &c : cases) {
+        DataTree t;
+        EXPECT_EQ(decode_tree(t, c.in), c.rc) << c.what;
+        free_tree(t);
+    }
+    DataTree t;
+    ASSERT_EQ(decode_tree(t, {0x20, 0x01, 0x20, 0x96, 0x01}), 0);
+    EXPECT_EQ(t.aux_number_4, 150u) << "last varint wins";
+    ASSERT_EQ(decode_tree(t, {0x4A, 0x02, 0x10, 0x01, 0x4A, 0x02, 0x10, 0x02}), 0);
+    EXPECT_EQ(t.node_info.number, 2u);
+    EXPECT_TRUE(tov_bit_is_set(t.present, TOV_DATATREE_BIT_NODE_INFO));
+    EXPECT_EQ(kLabel.live(), 0u);
+}
+
+TEST(Decode, NeedsAnAllocatorOnlyWhereStorageIsNeeded) {
+    DataTree t;
+    const Bytes numbers = {0x20, 0x01, 0x40, 0x02};
+    EXPECT_EQ(kesh_tov_datatree_decode_ext(&t, numbers.data(), 4, nullptr, 0, 0), 0);
+    const Bytes name = {0x20, 0x01, 0x0A, 0x01, 'a'};
+    EXPECT_EQ(kesh_tov_datatree_decode_ext(&t, name.data(), 5, nullptr, 0, 0), -4);
+    EXPECT_EQ(t.aux_number_4, 1u) << "what came before the failure stays";
+    const Bytes child = {0x3A, 0x00};
+    EXPECT_EQ(kesh_tov_datatree_decode_ext(&t, child.data(), 2, nullptr, 0, 0), -4);
+    const Bytes items = {0x1A, 0x00};
+    NodeInfo ni;
+    EXPECT_EQ(kesh_tov_node_info_decode_ext(&ni, items.data(), 2, nullptr, 0), -4);
+    EXPECT_EQ(kesh_tov_datatree_decode_ext(nullptr, numbers.data(), 4, nullptr, 0, 0), -1);
+    EXPECT_EQ(kesh_tov_datatree_decode_ext(&t, nullptr, 4, nullptr, 0, 0), -1);
+}
+
+TEST(Encode, PresenceAgainstContent) {
+    DataTree t{};
+    t.name = nullptr;
+    tov_bit_set(t.present, TOV_DATATREE_BIT_NAME); // bit without a string: nothing
+    EXPECT_EQ(encode(kDataTree, &t), Bytes{});
+    t.value = text("");
+    tov_bit_set(t.present, TOV_DATATREE_BIT_VALUE);
+    EXPECT_EQ(encode(kDataTree, &t), (Bytes{0x12, 0x00}));
+    t = DataTree{};
+    t.name = text("x"); // a string without its bit: nothing
+    t.node_info.number = 0;
+    tov_bit_set(t.node_info.present, TOV_NODE_INFO_BIT_NUMBER); // content without the node_info bit
+    EXPECT_EQ(encode(kDataTree, &t), (Bytes{0x4A, 0x02, 0x10, 0x00}));
+    t = DataTree{};
+    tov_bit_set(t.present, TOV_DATATREE_BIT_INSERT); // present but empty: key and length 0
+    tov_bit_set(t.present, TOV_DATATREE_BIT_CHILDREN); // count 0: nothing
+    EXPECT_EQ(encode(kDataTree, &t), (Bytes{0x5A, 0x00}));
+    DataTree kids[2]{};
+    kids[1].name = text("b");
+    tov_bit_set(kids[1].present, TOV_DATATREE_BIT_NAME);
+    t.children = kids;
+    t.children_count = 2;
+    t.operation = 0;
+    tov_bit_set(t.present, TOV_DATATREE_BIT_OPERATION);
+    // An empty element is still sent; field 5 with value 0 is sent because its bit is set.
+    EXPECT_EQ(encode(kDataTree, &t), (Bytes{0x28, 0x00, 0x3A, 0x00, 0x3A, 0x03, 0x0A, 0x01, 'b', 0x5A, 0x00}));
+    NodeInfo ni{};
+    char *items[] = {text("p"), nullptr};
+    ni.items = items;
+    ni.items_count = 2;
+    tov_bit_set(ni.present, TOV_NODE_INFO_BIT_ITEMS);
+    EXPECT_EQ(encode(detail::kNodeInfo, &ni), (Bytes{0x1A, 0x01, 'p', 0x1A, 0x00})) << "a NULL item goes as \"\"";
+}
+
+// A tree that exercises every kind, built once for the tests below.
+class RichTree : public ::testing::Test {
+protected:
+    void SetUp() override {
+        TreeGenerator gen(20261122, named_alloc, kLabel.ctx());
+        do {
+            free_tree(tree);
+            gen.fill(tree, 4);
+            bytes = encode(kDataTree, &tree);
+        } while (bytes.size() < 400);
+    }
+    void TearDown() override {
+        free_tree(tree);
+        EXPECT_EQ(kLabel.live(), 0u);
+    }
+    DataTree tree{};
+    Bytes bytes;
+};
+
+TEST_F(RichTree, TruncationAtEveryOffsetFailsExceptAtFieldBoundaries) {
+    std::set<uint32_t> boundaries;
+    for (uint32_t pos = 0; pos < bytes.size();) {
+        boundaries.insert(pos);
+        uint32_t key = 0, n = 0;
+        ASSERT_EQ(protoc99_decode_var32(&key, &pos, bytes.data(), static_cast<uint32_t>(bytes.size())), 0);
+        ASSERT_EQ(protoc99_decode_var32(&n, &pos, bytes.data(), static_cast<uint32_t>(bytes.size())), 0);
+        if ((key & 7) == 2) pos += n;
+    }
+    for (uint32_t cut = 0; cut < bytes.size(); ++cut) {
+        Bytes prefix(bytes.begin(), bytes.begin() + cut);
+        DataTree t;
+        int32_t rc = decode_tree(t, prefix);
+        if (boundaries.count(cut)) {
+            EXPECT_EQ(rc, 0) << cut;
+            EXPECT_EQ(encode(kDataTree, &t), prefix) << cut;
+        } else {
+            EXPECT_EQ(rc, -1) << cut;
+        }
+        free_tree(t);
+    }
+}
+
+TEST_F(RichTree, ShortCapacityWritesOnlyBelowItAndStringsWholeOrNot) {
+    const uint32_t n = static_cast<uint32_t>(bytes.size());
+    for (uint32_t capacity : {0u, 1u, 7u, n / 3, n / 2, n - 1, n}) {
+        Bytes out(n + 16, 0xCC);
+        ASSERT_EQ(kesh_tov_datatree_encode_ext(&tree, out.data(), capacity, nullptr, nullptr, 0), n);
+        for (uint32_t i = capacity; i < out.size(); ++i) ASSERT_EQ(out[i], 0xCC) << "wrote past " << capacity;
+        uint32_t skipped = 0;
+        for (uint32_t i = 0; i < capacity; ++i)
+            if (out[i] != bytes[i]) {
+                ASSERT_EQ(out[i], 0xCC) << i;
+                ++skipped;
+            }
+        if (capacity == n) {
+            EXPECT_EQ(skipped, 0u);
+        }
+    }
+    // The string that does not fit is not copied at all.
+    DataTree t{};
+    t.name = text("abc");
+    tov_bit_set(t.present, TOV_DATATREE_BIT_NAME);
+    Bytes out(5, 0xCC);
+    EXPECT_EQ(kesh_tov_datatree_encode_ext(&t, out.data(), 4, nullptr, nullptr, 0), 5u);
+    EXPECT_EQ(out, (Bytes{0x0A, 0x03, 0xCC, 0xCC, 0xCC}));
+}
+
+TEST_F(RichTree, DecodeThenEncodeGivesTheSameBytes) {
+    DataTree t;
+    ASSERT_EQ(decode_tree(t, bytes), 0);
+    EXPECT_EQ(encode(kDataTree, &t), bytes);
+    DataTree copy;
+    ASSERT_EQ(kesh_tov_datatree_duplicate(&copy, &t, named_alloc, kLabel.ctx()), 0);
+    free_tree(t);
+    EXPECT_EQ(encode(kDataTree, &copy), bytes) << "the copy owns everything it needs";
+    free_tree(copy);
+}
+
+TEST(Spans, InnermostFirstOnePerNonEmptyEncoding) {
+    DataTree grandchild{}, children[3]{}, root{};
+    grandchild.name = text("g");
+    tov_bit_set(grandchild.present, TOV_DATATREE_BIT_NAME);
+    children[0].children = &grandchild;
+    children[0].children_count = 1;
+    tov_bit_set(children[0].present, TOV_DATATREE_BIT_CHILDREN);
+    children[2].value = text("v");
+    tov_bit_set(children[2].present, TOV_DATATREE_BIT_VALUE); // children[1] is empty: no span
+    root.children = children;
+    root.children_count = 3;
+    tov_bit_set(root.present, TOV_DATATREE_BIT_CHILDREN);
+    // 3A 05 [3A 03 [0A 01 67]] 3A 00 3A 03 [12 01 76]
+    const Bytes expected = {0x3A, 0x05, 0x3A, 0x03, 0x0A, 0x01, 'g', 0x3A, 0x00, 0x3A, 0x03, 0x12, 0x01, 'v'};
+    Bytes out(expected.size());
+    TovSpan spans[8];
+    uint32_t count = 8;
+    ASSERT_EQ(kesh_tov_datatree_encode_ext(&root, out.data(), static_cast<uint32_t>(out.size()), spans, &count, 0),
+              expected.size());
+    EXPECT_EQ(out, expected);
+    ASSERT_EQ(count, 4u);
+    const std::pair<uint32_t, uint32_t> want[] = {{4, 3}, {2, 5}, {11, 3}, {0, 14}};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(spans[i].start, out.data() + want[i].first) << i;
+        EXPECT_EQ(spans[i].length, want[i].second) << i;
+    }
+    // No room: nothing written, the count says what was needed; partial room fills the front.
+    TovSpan few[2] = {{nullptr, 99}, {nullptr, 99}};
+    count = 0;
+    kesh_tov_datatree_encode_ext(&root, out.data(), static_cast<uint32_t>(out.size()), few, &count, 0);
+    EXPECT_EQ(count, 4u);
+    EXPECT_EQ(few[0].length, 99u);
+    count = 2;
+    kesh_tov_datatree_encode_ext(&root, out.data(), static_cast<uint32_t>(out.size()), few, &count, 0);
+    EXPECT_EQ(count, 4u);
+    EXPECT_EQ(few[1].length, 5u);
+    // Measuring: nested encodings start past the capacity, so their spans carry no pointer.
+    count = 8;
+    kesh_tov_datatree_encode_ext(&root, nullptr, 0, spans, &count, 0);
+    EXPECT_EQ(spans[0].start, nullptr);
+    EXPECT_EQ(spans[0].length, 3u);
+    // An empty message claims no span.
+    DataTree empty{};
+    count = 8;
+    EXPECT_EQ(kesh_tov_datatree_encode_ext(&empty, out.data(), 14, spans, &count, 0), 0u);
+    EXPECT_EQ(count, 0u);
+}
+
+// Allocator that fails one chosen call, counting from 1.
+struct FailingAlloc {
+    uint32_t calls = 0, fail_at = 0;
+    static void *call(uint32_t size, uintptr_t ctx) {
+        auto *self = reinterpret_cast<FailingAlloc *>(ctx);
+        return ++self->calls == self->fail_at ? nullptr : named_alloc(size, kLabel.ctx());
+    }
+    uintptr_t ctx() { return reinterpret_cast<uintptr_t>(this); }
+};
+
+TEST(Duplicate, GoesOnPastAFailedFieldAndKeepsNullItems) {
+    DataTree src{};
+    src.name = text("n");
+    src.value = text("v");
+    src.qualifier = text("q");
+    src.aux_number_12 = 12;
+    for (unsigned b : {TOV_DATATREE_BIT_NAME, TOV_DATATREE_BIT_VALUE, TOV_DATATREE_BIT_QUALIFIER,
+                       TOV_DATATREE_BIT_AUX_NUMBER_12})
+        tov_bit_set(src.present, b);
+    FailingAlloc second{0, 2};
+    DataTree copy;
+    EXPECT_EQ(kesh_tov_datatree_duplicate(&copy, &src, FailingAlloc::call, second.ctx()), -4);
+    EXPECT_STREQ(copy.name, "n");
+    EXPECT_EQ(copy.value, nullptr);
+    EXPECT_FALSE(tov_bit_is_set(copy.present, TOV_DATATREE_BIT_VALUE));
+    EXPECT_STREQ(copy.qualifier, "q");
+    EXPECT_EQ(copy.aux_number_12, 12u);
+    EXPECT_TRUE(tov_bit_is_set(copy.present, TOV_DATATREE_BIT_AUX_NUMBER_12));
+    free_tree(copy);
+
+    // node_info: a NULL item stays NULL; a failed item leaves a NULL and -4; a failed pointer
+    // array leaves the items absent, with text and number already copied.
+    NodeInfo ni{};
+    char *items[] = {text("a"), nullptr, text("c")};
+    ni.text = text("t");
+    ni.number = 9;
+    ni.items = items;
+    ni.items_count = 3;
+    for (unsigned b : {TOV_NODE_INFO_BIT_TEXT, TOV_NODE_INFO_BIT_NUMBER, TOV_NODE_INFO_BIT_ITEMS})
+        tov_bit_set(ni.present, b);
+    NodeInfo c;
+    ASSERT_EQ(kesh_tov_node_info_duplicate(&c, &ni, named_alloc, kLabel.ctx()), 0);
+    EXPECT_STREQ(c.items[0], "a");
+    EXPECT_EQ(c.items[1], nullptr);
+    EXPECT_STREQ(c.items[2], "c");
+    kesh_tov_node_info_free_ext(&c, named_free, 0);
+    FailingAlloc item{0, 4}; // text, array, "a", then "c" fails
+    EXPECT_EQ(kesh_tov_node_info_duplicate(&c, &ni, FailingAlloc::call, item.ctx()), -4);
+    EXPECT_STREQ(c.items[0], "a");
+    EXPECT_EQ(c.items[2], nullptr);
+    EXPECT_TRUE(tov_bit_is_set(c.present, TOV_NODE_INFO_BIT_ITEMS));
+    kesh_tov_node_info_free_ext(&c, named_free, 0);
+    FailingAlloc array{0, 2};
+    EXPECT_EQ(kesh_tov_node_info_duplicate(&c, &ni, FailingAlloc::call, array.ctx()), -4);
+    EXPECT_STREQ(c.text, "t");
+    EXPECT_EQ(c.number, 9u);
+    EXPECT_EQ(c.items, nullptr);
+    EXPECT_EQ(c.items_count, 0u);
+    EXPECT_FALSE(tov_bit_is_set(c.present, TOV_NODE_INFO_BIT_ITEMS));
+    kesh_tov_node_info_free_ext(&c, named_free, 0);
+    EXPECT_EQ(kLabel.live(), 0u);
+}
+
+TEST(Free, ReleasesEverythingAndClearsPointersButNotBits) {
+    DataTree t;
+    ASSERT_EQ(decode_tree(t, {0x0A, 0x01, 'a', 0x3A, 0x03, 0x12, 0x01, 'b', 0x4A, 0x03, 0x1A, 0x01, 'i'}), 0);
+    EXPECT_GT(kLabel.live(), 0u);
+    free_tree(t);
+    EXPECT_EQ(kLabel.live(), 0u);
+    EXPECT_EQ(t.name, nullptr);
+    EXPECT_EQ(t.children, nullptr);
+    EXPECT_EQ(t.children_count, 0u);
+    EXPECT_EQ(t.node_info.items, nullptr);
+    EXPECT_TRUE(tov_bit_is_set(t.present, TOV_DATATREE_BIT_NAME));
+    free_tree(t); // a second release finds nothing to free
+    kesh_tov_datatree_free_ext(&t, nullptr, 0, 0); // no free_fn: nothing happens
+}
+
+} // namespace
+} // namespace tov::test
