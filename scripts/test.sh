@@ -31,7 +31,8 @@ i386_emulator() {
 configure_args() {
     case "$1" in
     normal) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo" ;;
-    asan) echo "-DCMAKE_BUILD_TYPE=Debug -DTOV_SANITIZE=ON" ;;
+    # clang, so that the same build also carries the libFuzzer target
+    asan) echo "-DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DTOV_SANITIZE=ON -DTOV_FUZZ=ON" ;;
     i386) echo "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_TOOLCHAIN_FILE=$top/cmake/i386.cmake $(i386_emulator)" ;;
     *) return 1 ;;
     esac
