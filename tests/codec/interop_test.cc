@@ -213,9 +213,11 @@ TEST(Interop, RandomMessagesOfEveryTypeFromProtobuf) {
         const pb::Message *prototype = pb::MessageFactory::generated_factory()->GetPrototype(descriptor_of(d));
         ProtoFiller filler(0xC0DEC + d.size);
         const int rounds = d.field_count == 0 ? 5 : 150;
+        // Deep enough that the envelopes carry payloads whose data trees have children of their own.
+        const int depth = d.field_count > 10 ? 6 : 4;
         for (int round = 0; round < rounds; ++round) {
             std::unique_ptr<pb::Message> m(prototype->New());
-            filler.fill(m.get(), 3);
+            filler.fill(m.get(), depth);
             std::string wire;
             ASSERT_TRUE(m->SerializeToString(&wire));
             Record rec(d);
