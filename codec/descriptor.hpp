@@ -24,6 +24,8 @@ struct MessageDesc;
 struct FieldDesc {
     uint32_t number;
     Kind kind;
+    uint8_t key_size;      // bytes of the key on the wire (1 below field 16, else 2)
+    uint16_t key;          // the key: number << 3 | wire type
     uint16_t offset;       // member (for arrays: the pointer member)
     uint16_t count_offset; // arrays only: the uint32_t count member
     const MessageDesc *sub; // Message, Messages, Flag; nullptr in Messages means "this message"
@@ -43,10 +45,23 @@ struct MessageDesc {
     bool has_defaults;       // a non-zero default here or in an inline record
     bool owns_memory;        // strings or arrays here or in an inline record
     bool has_inline_records; // an inline Message member
+    uint32_t inline_mask;    // presence-bit positions of the inline Message members
+    uint8_t present_bytes;
+    // Offsets of every presence byte of the record and of its inline records, recursively: a
+    // message puts nothing on the wire unless one of these bytes is non-zero.
+    uint8_t closure_count;
+    uint16_t closure[96];
 };
 
 constexpr uint32_t wire_type_of(Kind k) {
     return (k == Kind::Varint32 || k == Kind::Bool || k == Kind::Varint64) ? 0 : 2;
+}
+
+constexpr FieldDesc field(uint32_t number, Kind kind, uint16_t offset, uint16_t count_offset, const MessageDesc *sub,
+                          uint32_t default_value) {
+    if (number == 0 || number > 63) throw "field number out of range";
+    return FieldDesc{number, kind, static_cast<uint8_t>(number < 16 ? 1 : 2),
+                     static_cast<uint16_t>(number << 3 | wire_type_of(kind)), offset, count_offset, sub, default_value};
 }
 
 constexpr const MessageDesc &sub_of(const MessageDesc &m, const FieldDesc &f) { return f.sub ? *f.sub : m; }
@@ -61,9 +76,15 @@ template <class Member, class Expected> consteval uint16_t checked_offset(size_t
 
 template <size_t N>
 constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_offset, const FieldDesc (&fields)[N]) {
+    if (N > 32) throw "too many fields for a 32-bit presence mask";
     MessageDesc d{name, size, static_cast<uint16_t>(present_offset), static_cast<uint8_t>(N), fields, {}, false,
-                  false, false};
+                  false, false, 0, static_cast<uint8_t>((N + 7) / 8), 0, {}};
     for (auto &slot : d.lookup) slot = kUnknownField;
+    auto add_to_closure = [&d](size_t offset) {
+        if (d.closure_count == sizeof d.closure / sizeof d.closure[0]) throw "presence closure too large";
+        d.closure[d.closure_count++] = static_cast<uint16_t>(offset);
+    };
+    for (size_t b = 0; b < d.present_bytes; ++b) add_to_closure(present_offset + b);
     for (size_t i = 0; i < N; ++i) {
         const FieldDesc &f = fields[i];
         if (f.number == 0 || f.number > kMaxFieldNumber) throw "field number out of range";
@@ -78,6 +99,8 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
             break;
         case Kind::Message:
             d.has_inline_records = true;
+            d.inline_mask |= 1u << i;
+            for (size_t k = 0; k < f.sub->closure_count; ++k) add_to_closure(f.offset + f.sub->closure[k]);
             if (f.sub->has_defaults) d.has_defaults = true;
             if (f.sub->owns_memory) d.owns_memory = true;
             break;
@@ -85,13 +108,12 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
             break;
         }
     }
-    if (N > 8 * 8) throw "too many fields";
     return d;
 }
 
 // A message without fields (a payload flag such as discard_changes).
 constexpr MessageDesc describe_empty(const char *name, uint32_t size) {
-    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false};
+    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false, 0, 0, 0, {}};
     for (auto &slot : d.lookup) slot = kUnknownField;
     return d;
 }
@@ -99,50 +121,26 @@ constexpr MessageDesc describe_empty(const char *name, uint32_t size) {
 } // namespace tov::detail
 
 // Table rows. Each checks the member's type against the kind it is described as.
+#define TOV_OFFSET_(T, member, Type) ::tov::detail::checked_offset<decltype(T::member), Type>(offsetof(T, member))
 #define TOV_FIELD_VARINT(T, number, member)                                                            \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Varint32,                                                         \
-            ::tov::detail::checked_offset<decltype(T::member), uint32_t>(offsetof(T, member)), 0, nullptr, 0 \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, 0)
 #define TOV_FIELD_VARINT_DEFAULT(T, number, member, value)                                             \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Varint32,                                                         \
-            ::tov::detail::checked_offset<decltype(T::member), uint32_t>(offsetof(T, member)), 0, nullptr, value \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, value)
 #define TOV_FIELD_VARINT64(T, number, member)                                                          \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Varint64,                                                         \
-            ::tov::detail::checked_offset<decltype(T::member), uint64_t>(offsetof(T, member)), 0, nullptr, 0 \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint64, TOV_OFFSET_(T, member, uint64_t), 0, nullptr, 0)
 #define TOV_FIELD_BOOL(T, number, member)                                                              \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Bool,                                                             \
-            ::tov::detail::checked_offset<decltype(T::member), uint8_t>(offsetof(T, member)), 0, nullptr, 0 \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::Bool, TOV_OFFSET_(T, member, uint8_t), 0, nullptr, 0)
 #define TOV_FIELD_STRING(T, number, member)                                                            \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::String,                                                           \
-            ::tov::detail::checked_offset<decltype(T::member), char *>(offsetof(T, member)), 0, nullptr, 0 \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::String, TOV_OFFSET_(T, member, char *), 0, nullptr, 0)
 #define TOV_FIELD_MESSAGE(T, number, member, SubT, sub_desc)                                           \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Message,                                                          \
-            ::tov::detail::checked_offset<decltype(T::member), SubT>(offsetof(T, member)), 0, &(sub_desc), 0 \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::Message, TOV_OFFSET_(T, member, SubT), 0, &(sub_desc), 0)
 // sub_desc may be nullptr for a message that repeats itself (a data tree's children).
 #define TOV_FIELD_MESSAGES(T, number, member, count, SubT, sub_desc)                                   \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Messages,                                                         \
-            ::tov::detail::checked_offset<decltype(T::member), SubT *>(offsetof(T, member)),           \
-            ::tov::detail::checked_offset<decltype(T::count), uint32_t>(offsetof(T, count)), sub_desc, 0 \
-    }
+    ::tov::detail::field(number, ::tov::detail::Kind::Messages, TOV_OFFSET_(T, member, SubT *),        \
+                         TOV_OFFSET_(T, count, uint32_t), sub_desc, 0)
 #define TOV_FIELD_STRINGS(T, number, member, count)                                                    \
-    ::tov::detail::FieldDesc {                                                                         \
-        number, ::tov::detail::Kind::Strings,                                                          \
-            ::tov::detail::checked_offset<decltype(T::member), char **>(offsetof(T, member)),          \
-            ::tov::detail::checked_offset<decltype(T::count), uint32_t>(offsetof(T, count)), nullptr, 0 \
-    }
-#define TOV_FIELD_FLAG(number, sub_desc)                                                               \
-    ::tov::detail::FieldDesc { number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0 }
+    ::tov::detail::field(number, ::tov::detail::Kind::Strings, TOV_OFFSET_(T, member, char **),        \
+                         TOV_OFFSET_(T, count, uint32_t), nullptr, 0)
+#define TOV_FIELD_FLAG(number, sub_desc) ::tov::detail::field(number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0)
 
 #define TOV_DESCRIBE(name, T, fields) ::tov::detail::describe(name, sizeof(T), offsetof(T, present), fields)

@@ -30,10 +30,33 @@ void set_bit(const MessageDesc &d, uint8_t *record, unsigned i) {
 void clear_bit(const MessageDesc &d, uint8_t *record, unsigned i) {
     record[d.present_offset + (i >> 3)] &= static_cast<uint8_t>(~(1u << (i & 7u)));
 }
-size_t present_bytes(const MessageDesc &d) { return (d.field_count + 7u) / 8u; }
+size_t present_bytes(const MessageDesc &d) { return d.present_bytes; }
 
-constexpr uint32_t key_size(uint32_t number) { return number < 16 ? 1 : 2; }
-constexpr uint32_t key_of(const FieldDesc &f) { return f.number << 3 | wire_type_of(f.kind); }
+uint32_t present_mask(const MessageDesc &d, const uint8_t *record) {
+    const uint8_t *p = record + d.present_offset;
+    switch (d.present_bytes) {
+    case 0: return 0;
+    case 1: return p[0];
+    case 2: return p[0] | static_cast<uint32_t>(p[1]) << 8;
+    case 3: return p[0] | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16;
+    default: return p[0] | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+                    static_cast<uint32_t>(p[3]) << 24;
+    }
+}
+
+// The fields that can put anything on the wire: those whose presence bit is set, and the inline
+// records (sent whenever they have content). Walks visit only these, lowest first, which keeps
+// sparse records (most data tree nodes) cheap.
+uint32_t candidates(const MessageDesc &d, uint32_t bits) { return bits | d.inline_mask; }
+uint8_t lowest(uint32_t mask) { return static_cast<uint8_t>(__builtin_ctz(mask)); }
+
+// False when no presence bit is set in the record or its inline records: it then sends nothing.
+bool any_presence(const MessageDesc &d, const uint8_t *record) {
+    uint8_t any = 0;
+    for (unsigned k = 0; k < d.closure_count; ++k) any |= record[d.closure[k]];
+    return any != 0;
+}
+
 
 // Walks whose contract says they cannot fail (encode, free) have no way to report that the heap
 // refused working memory for a very deep tree; a tree that deep could not have been decoded or
@@ -157,30 +180,28 @@ void reset(const MessageDesc &desc, void *record) {
 
 bool is_empty(const MessageDesc &d, const void *rec) {
     const auto *record = static_cast<const uint8_t *>(rec);
-    if (!record || d.field_count == 0) return true;
-    bool any_bit = false;
-    for (size_t i = 0; i < present_bytes(d); ++i) any_bit |= record[d.present_offset + i] != 0;
-    if (!any_bit && !d.has_inline_records) return true;
-    for (unsigned i = 0; i < d.field_count; ++i) {
+    if (!record || !any_presence(d, record)) return true;
+    for (uint32_t pending = candidates(d, present_mask(d, record)); pending; pending &= pending - 1) {
+        const unsigned i = lowest(pending);
         const FieldDesc &f = d.fields[i];
-        bool b = bit(d, record, i);
         switch (f.kind) {
         case Kind::Varint32:
         case Kind::Bool:
         case Kind::Varint64:
         case Kind::Flag:
-            if (b) return false;
+            if (bit(d, record, i)) return false;
             break;
         case Kind::String:
-            if (b && load<const char *>(record + f.offset)) return false;
+            if (bit(d, record, i) && load<const char *>(record + f.offset)) return false;
             break;
         case Kind::Messages:
         case Kind::Strings:
-            if (b && load<uint32_t>(record + f.count_offset) != 0 && load<const void *>(record + f.offset))
+            if (bit(d, record, i) && load<uint32_t>(record + f.count_offset) != 0 &&
+                load<const void *>(record + f.offset))
                 return false;
             break;
         case Kind::Message:
-            if (b || !is_empty(*f.sub, record + f.offset)) return false;
+            if (bit(d, record, i) || !is_empty(*f.sub, record + f.offset)) return false;
             break;
         }
     }
@@ -375,8 +396,14 @@ struct SizeFrame {
     uint32_t size;
     uint32_t slot;
     uint32_t index;
-    uint8_t field;
+    uint32_t bits;    // the record's presence bits
+    uint32_t pending; // candidate fields not yet done; the lowest is the current one
 };
+
+SizeFrame size_frame(const MessageDesc &d, const uint8_t *record, uint32_t slot) {
+    const uint32_t bits = present_mask(d, record);
+    return SizeFrame{&d, record, 0, slot, 0, bits, candidates(d, bits)};
+}
 
 uint32_t strings_size(const FieldDesc &f, const uint8_t *record) {
     auto *const *items = load<char *const *>(record + f.offset);
@@ -384,7 +411,7 @@ uint32_t strings_size(const FieldDesc &f, const uint8_t *record) {
     uint32_t size = 0;
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t n = items[i] ? static_cast<uint32_t>(std::strlen(items[i])) : 0;
-        size += key_size(f.number) + varint_size(n) + n;
+        size += f.key_size + varint_size(n) + n;
     }
     return size;
 }
@@ -392,16 +419,17 @@ uint32_t strings_size(const FieldDesc &f, const uint8_t *record) {
 // Size of the encoding of `rec`; with `slots`, also the length of every non-empty nested message.
 uint32_t measure(const MessageDesc &root, const uint8_t *rec, SizeSlots *slots) {
     WalkStack<SizeFrame> stack;
-    (void)stack.push(SizeFrame{&root, rec, 0, kNoSlot, 0, 0});
+    (void)stack.push(size_frame(root, rec, kNoSlot));
     for (;;) {
     resume:
         SizeFrame &f = stack.top();
         const MessageDesc &d = *f.desc;
-        for (; f.field < d.field_count; ++f.field) {
-            const FieldDesc &fd = d.fields[f.field];
+        for (; f.pending; f.pending &= f.pending - 1) {
+            const uint8_t field = lowest(f.pending);
+            const FieldDesc &fd = d.fields[field];
             const uint8_t *record = f.record;
-            const bool present = bit(d, record, f.field);
-            const uint32_t key = key_size(fd.number);
+            const bool present = (f.bits >> field) & 1u;
+            const uint32_t key = fd.key_size;
             switch (fd.kind) {
             case Kind::Varint32:
                 if (present) f.size += key + varint_size(load<uint32_t>(record + fd.offset));
@@ -427,11 +455,11 @@ uint32_t measure(const MessageDesc &root, const uint8_t *rec, SizeSlots *slots) 
                 break;
             case Kind::Message: {
                 const uint8_t *sub = record + fd.offset;
-                if (is_empty(*fd.sub, sub)) {
+                if (!any_presence(*fd.sub, sub)) {
                     if (present) f.size += key + 1;
                     break;
                 }
-                must_push(stack, SizeFrame{fd.sub, sub, 0, slots ? slots->reserve() : kNoSlot, 0, 0});
+                must_push(stack, size_frame(*fd.sub, sub, slots ? slots->reserve() : kNoSlot));
                 goto resume;
             }
             case Kind::Messages: {
@@ -441,11 +469,7 @@ uint32_t measure(const MessageDesc &root, const uint8_t *rec, SizeSlots *slots) 
                 const MessageDesc &sub = sub_of(d, fd);
                 for (; f.index < count; ++f.index) {
                     const uint8_t *element = elements + static_cast<size_t>(f.index) * sub.size;
-                    if (is_empty(sub, element)) {
-                        f.size += key + 1; // an empty element is still sent
-                        continue;
-                    }
-                    must_push(stack, SizeFrame{&sub, element, 0, slots ? slots->reserve() : kNoSlot, 0, 0});
+                    must_push(stack, size_frame(sub, element, slots ? slots->reserve() : kNoSlot));
                     goto resume;
                 }
                 f.index = 0;
@@ -458,12 +482,16 @@ uint32_t measure(const MessageDesc &root, const uint8_t *rec, SizeSlots *slots) 
         if (slots) slots->set(slot, size);
         if (stack.empty()) return size;
         SizeFrame &p = stack.top();
-        const FieldDesc &pf = p.desc->fields[p.field];
-        p.size += key_size(pf.number) + varint_size(size) + size;
-        if (pf.kind == Kind::Message)
-            ++p.field;
-        else
+        const uint8_t field = lowest(p.pending);
+        const FieldDesc &pf = p.desc->fields[field];
+        if (pf.kind == Kind::Message) {
+            // An inline record goes when it has content, or empty when its bit is set.
+            if (size != 0 || ((p.bits >> field) & 1u)) p.size += pf.key_size + varint_size(size) + size;
+            p.pending &= p.pending - 1;
+        } else {
+            p.size += pf.key_size + varint_size(size) + size; // every element goes, empty too
             ++p.index;
+        }
     }
 }
 
@@ -473,8 +501,14 @@ struct WriteFrame {
     uint32_t start;
     uint32_t size;
     uint32_t index;
-    uint8_t field;
+    uint32_t bits;
+    uint32_t pending;
 };
+
+WriteFrame write_frame(const MessageDesc &d, const uint8_t *record, uint32_t start, uint32_t size) {
+    const uint32_t bits = present_mask(d, record);
+    return WriteFrame{&d, record, start, size, 0, bits, candidates(d, bits)};
+}
 
 } // namespace
 
@@ -496,16 +530,18 @@ uint32_t encode(const MessageDesc &root, const void *root_record, uint8_t *buffe
     };
 
     WalkStack<WriteFrame> stack;
-    (void)stack.push(WriteFrame{&root, static_cast<const uint8_t *>(root_record), 0, total, 0, 0});
+    const auto *root_bytes = static_cast<const uint8_t *>(root_record);
+    (void)stack.push(write_frame(root, root_bytes, 0, total));
     for (;;) {
     resume:
         WriteFrame &f = stack.top();
         const MessageDesc &d = *f.desc;
-        for (; f.field < d.field_count; ++f.field) {
-            const FieldDesc &fd = d.fields[f.field];
+        for (; f.pending; f.pending &= f.pending - 1) {
+            const uint8_t field = lowest(f.pending);
+            const FieldDesc &fd = d.fields[field];
             const uint8_t *record = f.record;
-            const bool present = bit(d, record, f.field);
-            const uint32_t key = key_of(fd);
+            const bool present = (f.bits >> field) & 1u;
+            const uint32_t key = fd.key;
             switch (fd.kind) {
             case Kind::Varint32:
                 if (present) {
@@ -552,18 +588,15 @@ uint32_t encode(const MessageDesc &root, const void *root_record, uint8_t *buffe
                 break;
             }
             case Kind::Message: {
+                // Descends exactly where the sizing pass did, so the recorded lengths line up.
                 const uint8_t *sub = record + fd.offset;
-                if (is_empty(*fd.sub, sub)) {
-                    if (present) {
-                        w.varint(key);
-                        w.byte(0);
-                    }
-                    break;
+                const uint32_t n = any_presence(*fd.sub, sub) ? nested_size(*fd.sub, sub) : 0;
+                if (n != 0 || present) {
+                    w.varint(key);
+                    w.varint(n);
                 }
-                const uint32_t n = nested_size(*fd.sub, sub);
-                w.varint(key);
-                w.varint(n);
-                must_push(stack, WriteFrame{fd.sub, sub, w.pos, n, 0, 0});
+                if (n == 0 && !any_presence(*fd.sub, sub)) break;
+                must_push(stack, write_frame(*fd.sub, sub, w.pos, n));
                 goto resume;
             }
             case Kind::Messages: {
@@ -573,14 +606,10 @@ uint32_t encode(const MessageDesc &root, const void *root_record, uint8_t *buffe
                 const MessageDesc &sub = sub_of(d, fd);
                 for (; f.index < count; ++f.index) {
                     const uint8_t *element = elements + static_cast<size_t>(f.index) * sub.size;
-                    w.varint(key);
-                    if (is_empty(sub, element)) {
-                        w.byte(0);
-                        continue;
-                    }
                     const uint32_t n = nested_size(sub, element);
+                    w.varint(key);
                     w.varint(n);
-                    must_push(stack, WriteFrame{&sub, element, w.pos, n, 0, 0});
+                    must_push(stack, write_frame(sub, element, w.pos, n));
                     goto resume;
                 }
                 f.index = 0;
@@ -599,8 +628,8 @@ uint32_t encode(const MessageDesc &root, const void *root_record, uint8_t *buffe
         }
         if (stack.empty()) break;
         WriteFrame &p = stack.top();
-        if (p.desc->fields[p.field].kind == Kind::Message)
-            ++p.field;
+        if (p.desc->fields[lowest(p.pending)].kind == Kind::Message)
+            p.pending &= p.pending - 1;
         else
             ++p.index;
     }

@@ -72,6 +72,16 @@ struct Writer {
         ++pos;
     }
     void varint(uint64_t value) {
+        if (pos < capacity && capacity - pos >= 10) { // room for any varint: no per-byte checks
+            uint8_t *p = buffer + pos;
+            while (value >= 0x80) {
+                *p++ = static_cast<uint8_t>(value | 0x80);
+                value >>= 7;
+            }
+            *p++ = static_cast<uint8_t>(value);
+            pos = static_cast<uint32_t>(p - buffer);
+            return;
+        }
         while (value >= 0x80) {
             byte(static_cast<uint8_t>(value | 0x80));
             value >>= 7;
