@@ -1,0 +1,82 @@
+#include <gtest/gtest.h>
+
+#include "tests/util/util_test.hpp"
+#include "tov/kor_hashmap.h"
+#include "tov/result.h"
+#include "tov/strings.h"
+
+namespace {
+
+using tov_test::allocation_points;
+using tov_test::take;
+const char *const kLabel = "test: strings";
+
+TEST(StringLimit, OneUnderTheLimitIsWholeAndAtTheLimitIsRefused) {
+    for (size_t len : {size_t{TOV_STR_MAX} - 1, size_t{TOV_STR_MAX}}) {
+        SCOPED_TRACE(len);
+        const bool fits = len < TOV_STR_MAX;
+        std::string s = "  " + std::string(len - 4, 'a') + " \n", other = s; // trimmable ends
+        other.back() = 'b';
+        char *joined = nullptr;
+        EXPECT_EQ(take(tov_strdup(s.c_str(), kLabel)), fits ? std::optional(s) : std::nullopt);
+        EXPECT_EQ(tov_strdup_concat("", s.c_str(), kLabel, &joined),
+                  fits ? 0 : TOV_RC_BAD_ARGUMENT);
+        EXPECT_EQ(take(joined), fits ? std::optional(s) : std::nullopt);
+        EXPECT_EQ(tov_string_hash_calc(s.c_str()), fits ? kor_hash_calculate(s.data(), len) : 0);
+        int diff = 0; // a difference in the last character counts; a refusal never reads as equal
+        EXPECT_EQ(tov_safe_strcmp(s.c_str(), TOV_STR_MAX, other.c_str(), &diff) == 0, fits);
+        EXPECT_EQ(diff, fits ? '\n' - 'b' : 1);
+        EXPECT_EQ(tov_string_hash_cmp(s.c_str(), std::string(s).c_str()), fits ? 1 : 0);
+        std::string t = s; // in place, the whole string changes or nothing does
+        EXPECT_EQ(str_trim(t.data()), fits ? 0 : TOV_ESUNTERM);
+        EXPECT_EQ(t.c_str(), fits ? s.substr(2, len - 4) : s);
+        EXPECT_EQ(str_rtrim(t.data()) != nullptr, fits);
+        EXPECT_EQ(chr_replace(t.data(), 'a', 'b'), fits ? 0 : TOV_ESUNTERM);
+        EXPECT_EQ(t.c_str(), fits ? std::string(len - 4, 'b') : s);
+    }
+}
+
+TEST(Strings, DocumentedEdgeCases) {
+    char *out = nullptr, blanks[] = "   ";
+    EXPECT_EQ(tov_strdup_concat("a", nullptr, kLabel, &out), 0u);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_STREQ(str_rtrim(blanks), "");
+    EXPECT_EQ(tov_count_char_occurences("a,b", 0), 0u);
+    tov_tokenize_and_get_token("a,b,c", ",", 2, &out);
+    EXPECT_EQ(take(out), "c");
+    tov_tokenize_and_get_token("a,b,c", ",", 3, &out);
+    EXPECT_EQ(out, nullptr);
+}
+
+TEST(Strings, EveryAllocationFailureIsReportedAndLeaksNothing) {
+    EXPECT_EQ(allocation_points([] {
+                  char *j = nullptr;
+                  uint32_t rc = tov_strdup_concat("ab", "cd", kLabel, &j);
+                  EXPECT_TRUE(rc == 0 || rc == TOV_RC_NO_MEMORY);
+                  return take(j) == "abcd";
+              }),
+              1u);
+    EXPECT_EQ(allocation_points([] {
+                  char *t = nullptr;
+                  tov_tokenize_and_get_token("x y z", " ", 1, &t);
+                  return take(t) == "y";
+              }),
+              2u);
+    EXPECT_EQ(allocation_points([] { // five slots, then five more at a time: grown twice
+                  char text[] = "a b c d e f g h i j k";
+                  uint32_t n = 0;
+                  char **tokens = str_arr_tokenize(text, " ", &n);
+                  kor_named_free(tokens);
+                  return tokens != nullptr && n == 11;
+              }),
+              3u);
+    for (uint32_t pairs : {3u, 60u}) { // beyond 54 pairs the work table is allocated too
+        std::vector<str_pair> p(pairs, str_pair{"b", "B"});
+        EXPECT_EQ(allocation_points([&] {
+                      return take(str_replace_multi("abc", p.data(), pairs, kLabel)) == "aBc";
+                  }),
+                  pairs > 54 ? 2u : 1u);
+    }
+}
+
+} // namespace
