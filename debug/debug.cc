@@ -7,6 +7,7 @@
 #include "debug/debug_internal.hpp"
 #include "debug/log.hpp"
 #include "tov/result.h"
+#include "tov/strings.h"
 
 namespace tov::detail {
 namespace {
@@ -186,6 +187,21 @@ TOV_API const char *tov_log_component_str(uint32_t component_id) {
 
 TOV_API const char *tov_debug_op_name(uint32_t op) {
     return op < TOV_DEBUG_OP_COUNT ? kOperationNames[op] : "unknown";
+}
+
+TOV_API const char *tov_debug_short_file(DebugContext *ctx, const char *path) {
+    char *slash = nullptr;
+    int rc = strrchar_s_tmp(path, TOV_STR_SEARCH_MAX, '/', &slash);
+    if (rc == 0) return slash + 1;
+    if (rc != TOV_ESNOTFND) {
+        TOV_REQUIRE_CONTEXT(ctx);
+        // A bare line: no level tag, no trace-ring copy.
+        static int32_t filter_cell = -1;
+        _kor_dt_log_filter_adv(ctx->error_flag, 0, 0, 0, 0, 0, &filter_cell,
+                               "Error while processing filename, rc=%d: %s", rc,
+                               error_code_text(static_cast<uint32_t>(rc)));
+    }
+    return path;
 }
 
 TOV_API int tov_debug_save_agent_name(const char *name) {
