@@ -8,6 +8,12 @@
 
 namespace tov::detail {
 
+// The tree node of a session: the platform link, then the session it stands for.
+struct SessionNode {
+    kor_wavl_node link;
+    Session *session;
+};
+
 // The clock that seeds the generator (srand48) in tov_session_store_init; `time` unless a test
 // installs its own. Returns the previous clock.
 using SeedClock = time_t (*)(time_t *);

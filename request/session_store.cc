@@ -10,12 +10,6 @@
 namespace tov::detail {
 namespace {
 
-// The tree node: the platform link, then the session it stands for.
-struct SessionNode {
-    kor_wavl_node link;
-    Session *session;
-};
-
 constexpr int kIdAttempts = 15;
 const char *const kSessionLabel = "TOV session context (tov_session_create)";
 const char *const kNodeLabel = "WAVL tree node (tov_session_create)";
