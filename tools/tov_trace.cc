@@ -95,6 +95,19 @@ int open_ring(const std::string &file, RingReader *reader) {
     return rc;
 }
 
+// Whether the ring's writer still runs: it exists and has not died into a zombie.
+bool writer_running(uint32_t pid) {
+    if (pid == 0 || (kill(static_cast<pid_t>(pid), 0) != 0 && errno != EPERM)) return false;
+    std::string path = "/proc/" + std::to_string(pid) + "/stat";
+    FILE *f = std::fopen(path.c_str(), "r");
+    if (!f) return true;
+    char text[512] = {};
+    size_t n = std::fread(text, 1, sizeof text - 1, f);
+    std::fclose(f);
+    const char *after_name = std::strrchr(text, ')'); // the name may itself hold ") "
+    return !(n > 0 && after_name && after_name[1] == ' ' && (after_name[2] == 'Z' || after_name[2] == 'X'));
+}
+
 int list(const Options &o) {
     namespace fs = std::filesystem;
     std::error_code ec;
@@ -108,8 +121,10 @@ int list(const Options &o) {
         return 1;
     }
     std::sort(names.begin(), names.end());
+    int width = 4;
+    for (const std::string &name : names) width = std::max(width, static_cast<int>(name.size()));
     std::printf("Rings in %s:\n", o.dir.c_str());
-    std::printf("%-32s %9s %18s  %-19s  %s\n", "RING", "RECORDS", "SIZE", "LAST WRITE", "WRITER");
+    std::printf("%-*s %9s %16s  %-19s  %s\n", width, "RING", "RECORDS", "SIZE", "LAST WRITE", "WRITER");
     int shown = 0;
     for (const std::string &name : names) {
         RingReader reader;
@@ -119,9 +134,8 @@ int list(const Options &o) {
         char size[32];
         std::snprintf(size, sizeof size, "%u x %u B", h.slot_count, h.slot_size);
         std::string last = records.empty() ? "-" : format_time(records.back().time_ns, false);
-        bool running = h.writer_pid != 0 && (kill(static_cast<pid_t>(h.writer_pid), 0) == 0 || errno == EPERM);
-        std::printf("%-32s %9zu %18s  %-19s  pid %u (%s)\n", name.c_str(), records.size(), size, last.c_str(),
-                    h.writer_pid, running ? "running" : "gone");
+        std::printf("%-*s %9zu %16s  %-19s  pid %u (%s)\n", width, name.c_str(), records.size(), size,
+                    last.c_str(), h.writer_pid, writer_running(h.writer_pid) ? "running" : "gone");
         ++shown;
     }
     if (shown == 0) std::printf("(none)\n");
