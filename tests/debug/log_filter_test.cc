@@ -184,7 +184,6 @@ TEST_F(LogLines, ShortFileAndAFailedSearchReportedBareOnTheErrorFlag) {
 }
 
 TEST(LogDeathTest, NullContextsStopTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     DebugContext *none = nullptr;
     FrameworkContext *no_framework = nullptr;
     EXPECT_DEATH(TOV_ERR(none, "never"), "");

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,10 +23,16 @@ pid_t start_tool(const std::vector<std::string> &args, int *out_fd) {
         dup2(fds[1], 2);
         close(fds[0]);
         close(fds[1]);
-        std::vector<char *> argv{const_cast<char *>(TOV_TRACE_TOOL)};
-        for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+        // An emulator, if the build runs its programs under one, goes first ("qemu-i386 -L /").
+        std::vector<std::string> words;
+        std::istringstream emulator(TOV_TRACE_TOOL_EMULATOR);
+        for (std::string word; emulator >> word;) words.push_back(word);
+        words.push_back(TOV_TRACE_TOOL);
+        words.insert(words.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (auto &w : words) argv.push_back(w.data());
         argv.push_back(nullptr);
-        execv(TOV_TRACE_TOOL, argv.data());
+        execv(argv[0], argv.data());
         _exit(127);
     }
     close(fds[1]);

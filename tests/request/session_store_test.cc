@@ -256,7 +256,6 @@ TEST_F(Sessions, DestroyingAForeignRecordFreesItButNotWhatItOwns) {
 }
 
 TEST(SessionDeathTest, NullFrameworkContextStopsTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(tov_session_store_init(nullptr), "");
     EXPECT_DEATH(tov_session_create(nullptr), "");
     EXPECT_DEATH(tov_session_find(nullptr, 1), "");
