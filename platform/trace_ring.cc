@@ -12,12 +12,25 @@
 namespace tov::detail::ring {
 
 uint32_t record_checksum(const char *text, uint32_t length, uint32_t flags, uint32_t type) {
-    // FNV-1a over the bytes, seeded with the record's fixed words.
-    uint32_t h = 2166136261u ^ length;
-    h = (h ^ flags) * 16777619u;
-    h = (h ^ type) * 16777619u;
-    for (uint32_t i = 0; i < length; ++i) h = (h ^ static_cast<unsigned char>(text[i])) * 16777619u;
-    return h;
+    // Four bytes per multiply-and-rotate step, then the tail byte by byte; seeded with the record's
+    // fixed words. Order-sensitive, so bytes of two writers mixed in one slot change it.
+    uint32_t h = 0x9e3779b9u ^ length;
+    auto mix = [&h](uint32_t word) {
+        h ^= word * 0xcc9e2d51u;
+        h = ((h << 13) | (h >> 19)) * 5u + 0xe6546b64u;
+    };
+    mix(flags);
+    mix(type);
+    uint32_t i = 0;
+    for (; i + 4 <= length; i += 4) {
+        uint32_t word;
+        std::memcpy(&word, text + i, 4);
+        mix(word);
+    }
+    for (; i < length; ++i) mix(static_cast<unsigned char>(text[i]));
+    h ^= h >> 16;
+    h *= 0x85ebca6bu;
+    return h ^ (h >> 13);
 }
 
 bool header_valid(const FileHeader &h, uint64_t file_size) {
