@@ -1,5 +1,5 @@
-// Shared helpers of the diagnostics and session tests: a private ring directory per test, the
-// captured platform lines, and ring contents read back as another process would.
+// Helpers of the diagnostics and session tests: a private ring directory per test, the captured
+// platform lines, and ring contents read back as another process would.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "platform/trace_ring.hpp"
-#include "tov/debug.h"
 #include "tov/kor_debug_flags.h"
 
 namespace tov::test {
@@ -24,8 +23,7 @@ inline std::string ptr(const void *p) {
 }
 
 // Points TOV_TRACE_DIR at a fresh directory for the life of the object.
-class RingDir {
-  public:
+struct RingDir {
     RingDir() {
         char pattern[] = "/tmp/tov-ring-test-XXXXXX";
         path_ = mkdtemp(pattern);
@@ -38,8 +36,6 @@ class RingDir {
     }
     const std::string &path() const { return path_; }
     std::string file(const std::string &ring) const { return path_ + "/" + ring; }
-
-  private:
     std::string path_;
 };
 
@@ -47,54 +43,42 @@ class RingDir {
 inline std::vector<std::string> ring_texts(const std::string &file) {
     detail::ring::RingReader reader;
     std::vector<std::string> texts;
-    if (reader.open(file) != 0) return texts;
-    for (auto &r : reader.read_all()) texts.push_back(std::move(r.text));
+    if (reader.open(file) == 0) {
+        for (auto &r : reader.read_all()) texts.push_back(std::move(r.text));
+    }
     return texts;
 }
 
-// Sends platform lines to the capture for the life of the object.
-class Capture {
-  public:
-    Capture() {
-        kor_dt_set_sink(KOR_DT_SINK_CAPTURE, nullptr);
-        kor_dt_capture_clear();
-    }
-    ~Capture() {
-        kor_dt_capture_clear();
-        kor_dt_set_sink(KOR_DT_SINK_STDERR, nullptr);
-    }
-    // The lines captured since the last take.
+// Sends platform lines to the capture for the life of the object; take() gives those since the last.
+struct Capture {
+    Capture() { kor_dt_set_sink(KOR_DT_SINK_CAPTURE, nullptr), kor_dt_capture_clear(); }
+    ~Capture() { kor_dt_capture_clear(), kor_dt_set_sink(KOR_DT_SINK_STDERR, nullptr); }
     std::vector<std::string> take() {
         std::string all(kor_dt_capture_read(nullptr, 0) + 1, '\0');
         kor_dt_capture_read(all.data(), all.size());
         kor_dt_capture_clear();
         std::vector<std::string> lines;
-        size_t start = 0;
-        for (size_t nl; (nl = all.find('\n', start)) != std::string::npos; start = nl + 1)
+        for (size_t start = 0, nl; (nl = all.find('\n', start)) != std::string::npos; start = nl + 1)
             lines.push_back(all.substr(start, nl - start));
         return lines;
     }
 };
 
 // New records of one ring since the last take.
-class RingTail {
-  public:
-    explicit RingTail(const std::string &file) { EXPECT_EQ(reader_.open(file), 0) << file; }
+struct RingTail {
+    explicit RingTail(const std::string &file) { EXPECT_EQ(reader.open(file), 0) << file; }
     std::vector<std::string> take() {
         std::vector<std::string> texts;
-        if (!reader_.is_open()) return texts;
         detail::ring::Record r;
-        for (;;) {
-            auto step = reader_.read(&cursor_, &r);
+        for (auto step = reader.read(&cursor, &r); step != detail::ring::RingReader::Step::End &&
+                                                   step != detail::ring::RingReader::Step::Busy;
+             step = reader.read(&cursor, &r)) {
             if (step == detail::ring::RingReader::Step::Record) texts.push_back(r.text);
-            else if (step != detail::ring::RingReader::Step::Skip) break;
         }
         return texts;
     }
-
-  private:
-    detail::ring::RingReader reader_;
-    uint64_t cursor_ = 0;
+    detail::ring::RingReader reader;
+    uint64_t cursor = 0;
 };
 
 } // namespace tov::test

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <map>
 #include <random>
 #include <string>
@@ -12,7 +11,6 @@
 #include "request/session_internal.hpp"
 #include "tov/kor_alloc.h"
 #include "tov/result.h"
-#include "tov/session.h"
 
 namespace {
 
@@ -27,35 +25,25 @@ uint64_t live(const char *label) {
     return s.live_blocks;
 }
 
-time_t fixed_clock(time_t *) { return 1234; }
-
-// The id generator as documented: xorshift128 over x, y, z, w.
-uint32_t xorshift(uint32_t s[4]) {
-    uint32_t t = s[0] ^ (s[0] << 11);
-    s[0] = s[1], s[1] = s[2], s[2] = s[3];
-    s[3] = s[3] ^ (s[3] >> 19) ^ t ^ (t >> 8);
-    return s[3];
-}
-
-// Candidates the store will draw from lrand48 seeded with `seed` and generator state `state`.
+// The candidates the store draws after srand48(seed) from generator state `state`: lrand48 XOR
+// the next xorshift128 output, as documented.
 std::vector<uint32_t> predict(long seed, const uint32_t state[4], int count) {
-    uint32_t s[4] = {state[0], state[1], state[2], state[3]};
+    uint32_t x = state[0], y = state[1], z = state[2], w = state[3];
     srand48(seed);
     std::vector<uint32_t> ids;
     for (int i = 0; i < count; ++i) {
-        uint32_t r = static_cast<uint32_t>(lrand48());
-        ids.push_back(r ^ xorshift(s));
+        uint32_t r = static_cast<uint32_t>(lrand48()), t = x ^ (x << 11);
+        x = y, y = z, z = w;
+        w = w ^ (w >> 19) ^ t ^ (t >> 8);
+        ids.push_back(r ^ w);
     }
     return ids;
 }
 
-uint32_t id_of(const kor_wavl_node *link) {
-    return reinterpret_cast<const tov::detail::SessionNode *>(link)->session->session_id;
-}
+uint32_t id_of(const kor_wavl_node *link) { return reinterpret_cast<const tov::detail::SessionNode *>(link)->session->session_id; }
 
 // Checks parent links, key order and every balance field; returns the subtree's height.
-int check_subtree(const kor_wavl_node *n, const kor_wavl_node *parent, uint64_t above, uint64_t below,
-                  size_t *count) {
+int check_subtree(const kor_wavl_node *n, const kor_wavl_node *parent, uint64_t above, uint64_t below, size_t *count) {
     if (!n) return 0;
     ++*count;
     EXPECT_EQ(n->parent, parent);
@@ -78,30 +66,27 @@ void check_tree(const kor_wavl_tree &tree, size_t expected_count) {
 class Sessions : public ::testing::Test {
   protected:
     void SetUp() override {
-        previous_clock = tov::detail::set_session_seed_clock(fixed_clock);
+        previous_clock = tov::detail::set_session_seed_clock([](time_t *) -> time_t { return 1234; });
         tov_debug_save_agent_name("ses");
         ASSERT_EQ(tov_debug_init(&fw.debug, "TOV", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
-        sessions_before = live(kSessionLabel);
-        nodes_before = live(kNodeLabel);
         ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK);
         capture.take();
     }
     void TearDown() override {
         EXPECT_EQ(tov_session_store_cleanup(&fw), 0u);
-        EXPECT_EQ(live(kSessionLabel), sessions_before);
-        EXPECT_EQ(live(kNodeLabel), nodes_before);
+        EXPECT_EQ(live(kSessionLabel), 0u);
+        EXPECT_EQ(live(kNodeLabel), 0u);
         trace_buffer_close(fw.debug.trace_handle);
         EXPECT_EQ(tov_debug_cleanup(&fw.debug), TOV_RC_OK);
         tov::detail::set_session_seed_clock(previous_clock);
     }
-    // Makes the next candidate exactly `id` by choosing the lrand48 seed and generator state.
+    // Makes the next candidate exactly `id`: with x = 0 the generator outputs w ^ (w >> 19), which
+    // this w inverts to the seeded lrand48 value XOR id.
     Session *create_with_id(uint32_t id) {
         srand48(4242);
-        uint32_t r = static_cast<uint32_t>(lrand48());
+        uint32_t out = static_cast<uint32_t>(lrand48()) ^ id;
         srand48(4242);
-        // With x = 0 the step outputs w ^ (w >> 19), which this w inverts to r ^ id.
-        uint32_t out = r ^ id;
-        uint32_t state[4] = {0, 0, 0, out ^ (out >> 19)};
+        const uint32_t state[4] = {0, 0, 0, out ^ (out >> 19)};
         std::copy(state, state + 4, fw.id_state);
         return tov_session_create(&fw);
     }
@@ -111,20 +96,16 @@ class Sessions : public ::testing::Test {
     tov::test::Capture capture;
     FrameworkContext fw{};
     tov::detail::SeedClock previous_clock = nullptr;
-    uint64_t sessions_before = 0, nodes_before = 0;
 };
 
-TEST_F(Sessions, SeedingUsesTheClockThenFourDraws) {
-    srand48(1234);
-    for (uint32_t word : fw.id_state) EXPECT_EQ(word, static_cast<uint32_t>(lrand48()));
-}
-
 TEST_F(Sessions, HundredThousandRandomOperationsMatchAMap) {
+    srand48(1234); // the store was seeded from the clock, then took four draws
+    for (uint32_t word : fw.id_state) EXPECT_EQ(word, static_cast<uint32_t>(lrand48()));
+
     std::mt19937 random(20240601);
     std::map<uint32_t, Session *> model;
     std::vector<uint32_t> ids;
     const char *owned_label = "test: session owned data";
-    uint64_t owned_before = live(owned_label);
     uint64_t owned_live = 0;
     for (int step = 0; step < 100000; ++step) {
         unsigned choice = random() % 100;
@@ -133,12 +114,8 @@ TEST_F(Sessions, HundredThousandRandomOperationsMatchAMap) {
             ASSERT_NE(s, nullptr);
             ASSERT_NE(s->session_id, 0u);
             ASSERT_TRUE(model.emplace(s->session_id, s).second) << "duplicate id " << s->session_id;
-            EXPECT_EQ(s->owned_data, nullptr);
-            EXPECT_EQ(s->user[5], 0u);
-            if (random() % 4 == 0) {
-                s->owned_data = kor_named_malloc(16, owned_label, 0);
-                ++owned_live;
-            }
+            EXPECT_TRUE(s->owned_data == nullptr && s->user[5] == 0);
+            if (random() % 4 == 0) s->owned_data = kor_named_malloc(16, owned_label, 0), ++owned_live;
             ids.push_back(s->session_id);
         } else if (choice < 75) {
             uint32_t probe = random() % 2 ? ids[random() % ids.size()] : static_cast<uint32_t>(random());
@@ -149,20 +126,14 @@ TEST_F(Sessions, HundredThousandRandomOperationsMatchAMap) {
             uint32_t id = ids[at];
             ids[at] = ids.back();
             ids.pop_back();
-            Session *s = model.at(id);
-            if (s->owned_data) --owned_live;
-            tov_session_destroy(&fw, s);
+            if (model.at(id)->owned_data) --owned_live;
+            tov_session_destroy(&fw, model.at(id));
             model.erase(id);
             EXPECT_EQ(tov_session_find(&fw, id), nullptr);
         }
         if (step % 5000 == 4999) {
             check_tree(fw.sessions.tree, model.size());
-            // In-order walk gives the map's keys.
-            auto it = model.begin();
-            for (kor_wavl_node *n = kor_wavl_get_first(&fw.sessions.tree, 0); n;
-                 n = kor_wavl_get_next(&fw.sessions.tree, n), ++it)
-                ASSERT_EQ(id_of(n), it->first);
-            ASSERT_EQ(live(owned_label) - owned_before, owned_live);
+            ASSERT_EQ(live(owned_label), owned_live); // destroy freed what the sessions owned
         }
     }
     EXPECT_EQ(tov_session_find(&fw, 0), nullptr);
@@ -172,9 +143,8 @@ TEST_F(Sessions, HundredThousandRandomOperationsMatchAMap) {
         if (s->owned_data) owned.push_back(s->owned_data);
     }
     EXPECT_EQ(tov_session_store_cleanup(&fw), 0u);
-    EXPECT_EQ(live(kSessionLabel), sessions_before);
-    EXPECT_EQ(live(kNodeLabel), nodes_before);
-    EXPECT_EQ(live(owned_label) - owned_before, owned.size());
+    EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
+    EXPECT_EQ(live(owned_label), owned.size());
     for (void *p : owned) kor_named_free(p);
     ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK); // for TearDown
 }
@@ -184,9 +154,7 @@ TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
     const uint32_t state[4] = {0x12345678, 0x9abcdef0, 0x0badf00d, 0xfeedface};
     auto candidates = predict(99, state, 15);
     for (uint32_t id : candidates) ASSERT_NE(create_with_id(id), nullptr);
-    ASSERT_EQ(fw.sessions.tree.count, 15u);
     capture.take();
-    uint64_t sessions = live(kSessionLabel);
 
     std::copy(state, state + 4, fw.id_state);
     srand48(99);
@@ -197,53 +165,40 @@ TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
                                             " is invalid, generating new"));
     expected.push_back(line("ERR:", "failed to generate unused session-id"));
     EXPECT_EQ(capture.take(), expected);
-    EXPECT_EQ(fw.sessions.tree.count, 15u);
-    EXPECT_EQ(live(kSessionLabel), sessions);
+    EXPECT_EQ(live(kSessionLabel), 15u); // the refused record was freed
     check_tree(fw.sessions.tree, 15);
-    // The ring has the same sixteen lines, with function and line in place of "TOV:".
     auto ring = tov::test::ring_texts(dir.file("ses-tov/processor.trace"));
-    ASSERT_GE(ring.size(), 16u);
     EXPECT_EQ(ring.back().rfind("ERR: tov_session_create:", 0), 0u);
     EXPECT_EQ(ring[ring.size() - 2].rfind("TRC: tov_session_create:", 0), 0u);
-}
 
-TEST_F(Sessions, ZeroCandidateIsRetried) {
-    fw.debug.level = TOV_LEVEL_TRACE;
+    // A zero candidate is refused the same way, then the next one is taken.
     srand48(7);
     uint32_t r = static_cast<uint32_t>(lrand48());
-    uint32_t state[4] = {0, 0, 0, r ^ (r >> 19)}; // first output r: candidate 0
-    uint32_t expected_id = predict(7, state, 2)[1];
-    std::copy(state, state + 4, fw.id_state);
+    const uint32_t zero_first[4] = {0, 0, 0, r ^ (r >> 19)};
+    uint32_t next = predict(7, zero_first, 2)[1];
+    std::copy(zero_first, zero_first + 4, fw.id_state);
     srand48(7);
-    Session *s = tov_session_create(&fw);
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(s->session_id, expected_id);
-    EXPECT_EQ(capture.take(), (std::vector<std::string>{
-                                  line("TRC:", "generated sesssion-id=0 is invalid, generating new"),
-                                  line("DBG:", "assigned session-id=" + std::to_string(expected_id))}));
+    ASSERT_NE(tov_session_create(&fw), nullptr);
+    EXPECT_EQ(capture.take(), (std::vector<std::string>{line("TRC:", "generated sesssion-id=0 is invalid, generating new"),
+                                                        line("DBG:", "assigned session-id=" + std::to_string(next))}));
 }
 
-TEST_F(Sessions, AllocationFailuresLeaveNothingBehind) {
-    kor_named_fail_nth(1);
-    EXPECT_EQ(tov_session_create(&fw), nullptr);
-    kor_named_fail_nth(2);
-    EXPECT_EQ(tov_session_create(&fw), nullptr);
+TEST_F(Sessions, FailuresAndForeignRecordsLeaveNothingBehind) {
+    for (uint64_t nth : {1, 2}) {
+        kor_named_fail_nth(nth);
+        EXPECT_EQ(tov_session_create(&fw), nullptr);
+    }
     kor_named_fail_nth(0);
     EXPECT_EQ(capture.take(), (std::vector<std::string>{line("ERR:", "TOV session context allocation failed"),
                                                         line("ERR:", "TOV session tree node allocation failed")}));
-    EXPECT_EQ(live(kSessionLabel), sessions_before);
-    EXPECT_EQ(live(kNodeLabel), nodes_before);
-    EXPECT_EQ(fw.sessions.tree.count, 0u);
-}
+    EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
 
-TEST_F(Sessions, DestroyingAForeignRecordFreesItButNotWhatItOwns) {
+    // A record the store does not hold is freed, but what it owns is left alone.
     fw.debug.level = TOV_LEVEL_DEBUG;
     Session *kept = create_with_id(0x80000001u);
-    ASSERT_NE(kept, nullptr);
     auto *stray = static_cast<Session *>(kor_named_calloc(1, sizeof(Session), kSessionLabel, 0));
     stray->session_id = 0x80000002u;
-    void *data = kor_named_malloc(8, "test: stray owned data", 0);
-    stray->owned_data = data;
+    void *data = stray->owned_data = kor_named_malloc(8, "test: stray owned data", 0);
     capture.take();
     tov_session_destroy(&fw, stray);
     EXPECT_EQ(capture.take(), std::vector<std::string>{line("DBG:", "session-id=-2147483646 not found, cannot be destroyed")});
@@ -251,8 +206,6 @@ TEST_F(Sessions, DestroyingAForeignRecordFreesItButNotWhatItOwns) {
     kor_named_free(data);
     EXPECT_EQ(tov_session_find(&fw, 0x80000001u), kept);
     tov_session_destroy(&fw, nullptr);
-    tov_session_destroy(&fw, kept);
-    EXPECT_EQ(fw.sessions.tree.count, 0u);
 }
 
 TEST(SessionDeathTest, NullFrameworkContextStopsTheProcess) {
