@@ -1,0 +1,170 @@
+// The logging statement: which lines reach the platform facility, which reach the trace ring, and
+// their exact texts.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "debug/log.hpp"
+#include "debug/test_support.hpp"
+#include "tov/result.h"
+
+namespace {
+
+using tov::test::ptr;
+
+const char *const kTags[] = {"ERR:", "WRN:", "DBG:", "TRC:"};
+
+// Each statement shares its line with the return, so the test knows the line it reports.
+int emit_op(DebugContext *c, unsigned level, const void *ses, unsigned op) {
+    switch (level) {
+    case 0: TOV_ERR_OP(c, ses, op, "filter %u", level); return __LINE__;
+    case 1: TOV_WRN_OP(c, ses, op, "filter %u", level); return __LINE__;
+    case 2: TOV_DBG_OP(c, ses, op, "filter %u", level); return __LINE__;
+    default: TOV_TRC_OP(c, ses, op, "filter %u", level); return __LINE__;
+    }
+}
+
+int emit_plain(DebugContext *c, unsigned level) {
+    switch (level) {
+    case 0: TOV_ERR(c, "plain %u", level); return __LINE__;
+    case 1: TOV_WRN(c, "plain %u", level); return __LINE__;
+    case 2: TOV_DBG(c, "plain %u", level); return __LINE__;
+    default: TOV_TRC(c, "plain %u", level); return __LINE__;
+    }
+}
+
+class LogLines : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        tov_debug_save_agent_name("flt");
+        ASSERT_EQ(tov_debug_init(&ctx, "FLT", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
+        tail = std::make_unique<tov::test::RingTail>(dir.file("flt-tov/processor.trace"));
+        tail->take();
+        capture.take();
+    }
+    void TearDown() override {
+        trace_buffer_close(ctx.trace_handle);
+        EXPECT_EQ(tov_debug_cleanup(&ctx), TOV_RC_OK);
+    }
+
+    tov::test::RingDir dir;
+    tov::test::Capture capture;
+    DebugContext ctx{};
+    std::unique_ptr<tov::test::RingTail> tail;
+};
+
+// Every combination of component level, operation level and op_level_max (fresh or stale) against
+// every message level, for lines about the raised operation 5, about operations 6 and 19 (not
+// raised, and past the table) and for plain lines.
+TEST_F(LogLines, FilterMatrixDecidesThePlatformLinesAndTheRingGetsEverything) {
+    const int session_marker = 0;
+    const void *ses = &session_marker;
+    for (uint32_t component = 0; component <= 4; ++component) {
+        for (uint32_t op_level = 0; op_level <= 4; ++op_level) {
+            for (uint32_t op_max = 0; op_max <= 4; ++op_max) {
+                ctx.level = component;
+                ctx.op_levels[5] = op_level;
+                ctx.op_level_max = op_max;
+                std::vector<std::string> platform, ring;
+                auto expect = [&](bool admitted, const char *tag, const char *function, int line, const std::string &body) {
+                    if (admitted) platform.push_back(std::string(tag) + " TOV: ctx=" + ptr(&ctx) + "," + body);
+                    ring.push_back(std::string(tag) + " " + function + ":" + std::to_string(line) + " ctx=" + ptr(&ctx) + "," + body);
+                };
+                for (uint32_t level = 0; level <= 3; ++level) {
+                    const uint32_t needed = level + 1;
+                    const bool by_component = component >= needed;
+                    // A stale op_level_max below the threshold hides the operation's own level.
+                    const bool by_operation = op_level >= needed && !(op_max != 0 && op_max < needed);
+                    const std::string text = "filter " + std::to_string(level);
+                    for (uint32_t op : {5u, 6u, 19u}) {
+                        int line = emit_op(&ctx, level, ses, op);
+                        expect(by_component || (op == 5 && by_operation), kTags[level], "emit_op", line,
+                               "ses=" + ptr(ses) + ",op=" + std::to_string(op) + "," + text);
+                    }
+                    int line = emit_plain(&ctx, level);
+                    expect(by_component, kTags[level], "emit_plain", line, "plain " + std::to_string(level));
+                }
+                SCOPED_TRACE("component " + std::to_string(component) + ", op level " +
+                             std::to_string(op_level) + ", op_level_max " + std::to_string(op_max));
+                EXPECT_EQ(capture.take(), platform);
+                EXPECT_EQ(tail->take(), ring);
+            }
+        }
+    }
+    // Message levels above trace have no threshold: never admitted, by either path.
+    EXPECT_EQ(tov_debug_should_log(&ctx, 4), 0u);
+    EXPECT_EQ(tov_debug_should_log_op(&ctx, 4, 5), 0u);
+}
+
+TEST_F(LogLines, EachLevelGoesThroughItsOwnFlag) {
+    ctx.level = TOV_LEVEL_TRACE;
+    ASSERT_EQ(kor_dt_flag_disable(ctx.debug_flag), 0);
+    for (unsigned level = 0; level <= 3; ++level) emit_plain(&ctx, level);
+    auto lines = capture.take();
+    ASSERT_EQ(lines.size(), 3u); // ERR and WRN through "error", TRC through "trace"
+    EXPECT_EQ(lines[2].substr(0, 4), "TRC:");
+    ASSERT_EQ(kor_dt_flag_enable(ctx.debug_flag, 0), 0);
+    ASSERT_EQ(kor_dt_flag_disable(ctx.root_flag), 0); // the component's top flag silences all
+    for (unsigned level = 0; level <= 3; ++level) emit_plain(&ctx, level);
+    EXPECT_TRUE(capture.take().empty());
+    EXPECT_EQ(tail->take().size(), 8u); // the ring is not filtered at all
+    ASSERT_EQ(kor_dt_flag_enable(ctx.root_flag, 0), 0);
+}
+
+TEST_F(LogLines, FrameworkContextAndArgumentsEvaluatedOnceOnlyWhenNeeded) {
+    FrameworkContext fw{};
+    fw.debug = ctx; // same flags and ring
+    fw.debug.level = TOV_LEVEL_ERROR;
+    fw.debug.trace_open = 0;
+    int evaluations = 0;
+    TOV_DBG(&fw, "%d", ++evaluations); // goes nowhere
+    EXPECT_EQ(evaluations, 0);
+    fw.debug.trace_open = 1;
+    fw.debug.level = TOV_LEVEL_DEBUG;
+    TOV_DBG(&fw, "%d", ++evaluations); // both destinations, one evaluation
+    EXPECT_EQ(evaluations, 1);
+    // The line prints the FrameworkContext and goes through its DebugContext's flags and ring.
+    EXPECT_EQ(capture.take(), std::vector<std::string>{"DBG: TOV: ctx=" + ptr(&fw) + ",1"});
+    auto ring = tail->take();
+    ASSERT_EQ(ring.size(), 1u);
+    EXPECT_NE(ring[0].find(" ctx=" + ptr(&fw) + ",1"), std::string::npos);
+}
+
+TEST_F(LogLines, RingCopyIsCutAt1024BytesWhileThePlatformLineIsWhole) {
+    ctx.level = TOV_LEVEL_ERROR;
+    const std::string long_text(3000, 'x');
+    TOV_ERR(&ctx, "%s", long_text.c_str());
+    auto platform = capture.take();
+    ASSERT_EQ(platform.size(), 1u);
+    EXPECT_EQ(platform[0], "ERR: TOV: ctx=" + ptr(&ctx) + "," + long_text);
+    auto ring = tail->take();
+    ASSERT_EQ(ring.size(), 1u);
+    EXPECT_EQ(ring[0].size(), 1023u);
+    EXPECT_EQ(ring[0].substr(0, 4) + ring[0].substr(1000), "ERR:" + long_text.substr(0, 23));
+}
+
+TEST_F(LogLines, ShortFileAndAFailedSearchReportedBareOnTheErrorFlag) {
+    EXPECT_STREQ(tov_debug_short_file(&ctx, "a/b/c"), "c");
+    EXPECT_STREQ(tov_debug_short_file(&ctx, "dir/"), "");
+    const char *plain = "plain.cc";
+    EXPECT_EQ(tov_debug_short_file(nullptr, plain), plain);
+    EXPECT_EQ(tov_debug_short_file(&ctx, nullptr), nullptr);
+    EXPECT_EQ(capture.take(),
+              std::vector<std::string>{std::string("Error while processing filename, rc=400: ") + error_code_text(400)});
+    EXPECT_TRUE(tail->take().empty());
+}
+
+TEST(LogDeathTest, NullContextsStopTheProcess) {
+    DebugContext *none = nullptr;
+    FrameworkContext *no_framework = nullptr;
+    EXPECT_DEATH(TOV_ERR(none, "never"), "");
+    EXPECT_DEATH(TOV_DBG_OP(no_framework, nullptr, 1u, "never"), "");
+    EXPECT_DEATH(tov_debug_should_log(nullptr, 0), "");
+    EXPECT_DEATH(tov_debug_should_log_op(nullptr, 0, 0), "");
+    EXPECT_DEATH(tov_debug_short_file(nullptr, nullptr), "");
+    EXPECT_DEATH(tov_debug_logging_set_level(nullptr, TOV_COMPONENT_ALL, 0, 0, 1, 0), "");
+    EXPECT_DEATH(tov_clear_trace(nullptr), "");
+}
+
+} // namespace

@@ -1,0 +1,217 @@
+// The session store against a std::map, with the tree's shape checked, and its failure paths.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <random>
+#include <string>
+
+#include "debug/test_support.hpp"
+#include "request/session_internal.hpp"
+#include "tov/kor_alloc.h"
+#include "tov/result.h"
+
+namespace {
+
+using tov::test::ptr;
+
+const char *const kSessionLabel = "TOV session context (tov_session_create)";
+const char *const kNodeLabel = "WAVL tree node (tov_session_create)";
+
+uint64_t live(const char *label) {
+    kor_named_stats s{};
+    kor_named_get_stats(label, &s);
+    return s.live_blocks;
+}
+
+// The candidates the store draws after srand48(seed) from generator state `state`: lrand48 XOR
+// the next xorshift128 output, as documented.
+std::vector<uint32_t> predict(long seed, const uint32_t state[4], int count) {
+    uint32_t x = state[0], y = state[1], z = state[2], w = state[3];
+    srand48(seed);
+    std::vector<uint32_t> ids;
+    for (int i = 0; i < count; ++i) {
+        uint32_t r = static_cast<uint32_t>(lrand48()), t = x ^ (x << 11);
+        x = y, y = z, z = w;
+        w = w ^ (w >> 19) ^ t ^ (t >> 8);
+        ids.push_back(r ^ w);
+    }
+    return ids;
+}
+
+uint32_t id_of(const kor_wavl_node *link) { return reinterpret_cast<const tov::detail::SessionNode *>(link)->session->session_id; }
+
+// Checks parent links, key order and every balance field; returns the subtree's height.
+int check_subtree(const kor_wavl_node *n, const kor_wavl_node *parent, uint64_t above, uint64_t below, size_t *count) {
+    if (!n) return 0;
+    ++*count;
+    EXPECT_EQ(n->parent, parent);
+    EXPECT_TRUE(id_of(n) > above && id_of(n) < below) << id_of(n);
+    int left = check_subtree(n->left, n, above, id_of(n), count);
+    int right = check_subtree(n->right, n, id_of(n), below, count);
+    EXPECT_EQ(n->balance, right - left);
+    EXPECT_LE(std::abs(right - left), 1);
+    return 1 + std::max(left, right);
+}
+
+void check_tree(const kor_wavl_tree &tree, size_t expected_count) {
+    size_t count = 0;
+    int height = check_subtree(tree.header.parent, &tree.header, 0, uint64_t{1} << 32, &count);
+    EXPECT_EQ(count, expected_count);
+    EXPECT_EQ(tree.count, expected_count);
+    EXPECT_LE(height, 1.45 * std::log2(static_cast<double>(count) + 2));
+}
+
+class Sessions : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        previous_clock = tov::detail::set_session_seed_clock([](time_t *) -> time_t { return 1234; });
+        tov_debug_save_agent_name("ses");
+        ASSERT_EQ(tov_debug_init(&fw.debug, "TOV", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
+        ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK);
+        capture.take();
+    }
+    void TearDown() override {
+        EXPECT_EQ(tov_session_store_cleanup(&fw), 0u);
+        EXPECT_EQ(live(kSessionLabel), 0u);
+        EXPECT_EQ(live(kNodeLabel), 0u);
+        trace_buffer_close(fw.debug.trace_handle);
+        EXPECT_EQ(tov_debug_cleanup(&fw.debug), TOV_RC_OK);
+        tov::detail::set_session_seed_clock(previous_clock);
+    }
+    // Makes the next candidate exactly `id`: with x = 0 the generator outputs w ^ (w >> 19), which
+    // this w inverts to the seeded lrand48 value XOR id.
+    Session *create_with_id(uint32_t id) {
+        srand48(4242);
+        uint32_t out = static_cast<uint32_t>(lrand48()) ^ id;
+        srand48(4242);
+        const uint32_t state[4] = {0, 0, 0, out ^ (out >> 19)};
+        std::copy(state, state + 4, fw.id_state);
+        return tov_session_create(&fw);
+    }
+    std::string line(const char *tag, const std::string &text) { return std::string(tag) + " TOV: ctx=" + ptr(&fw) + "," + text; }
+
+    tov::test::RingDir dir;
+    tov::test::Capture capture;
+    FrameworkContext fw{};
+    tov::detail::SeedClock previous_clock = nullptr;
+};
+
+TEST_F(Sessions, HundredThousandRandomOperationsMatchAMap) {
+    srand48(1234); // the store was seeded from the clock, then took four draws
+    for (uint32_t word : fw.id_state) EXPECT_EQ(word, static_cast<uint32_t>(lrand48()));
+
+    std::mt19937 random(20240601);
+    std::map<uint32_t, Session *> model;
+    std::vector<uint32_t> ids;
+    const char *owned_label = "test: session owned data";
+    uint64_t owned_live = 0;
+    for (int step = 0; step < 100000; ++step) {
+        unsigned choice = random() % 100;
+        if (choice < 45 || ids.empty()) {
+            Session *s = tov_session_create(&fw);
+            ASSERT_NE(s, nullptr);
+            ASSERT_NE(s->session_id, 0u);
+            ASSERT_TRUE(model.emplace(s->session_id, s).second) << "duplicate id " << s->session_id;
+            EXPECT_TRUE(s->owned_data == nullptr && s->user[5] == 0);
+            if (random() % 4 == 0) s->owned_data = kor_named_malloc(16, owned_label, 0), ++owned_live;
+            ids.push_back(s->session_id);
+        } else if (choice < 75) {
+            uint32_t probe = random() % 2 ? ids[random() % ids.size()] : static_cast<uint32_t>(random());
+            auto it = model.find(probe);
+            EXPECT_EQ(tov_session_find(&fw, probe), it == model.end() ? nullptr : it->second);
+        } else {
+            size_t at = random() % ids.size();
+            uint32_t id = ids[at];
+            ids[at] = ids.back();
+            ids.pop_back();
+            if (model.at(id)->owned_data) --owned_live;
+            tov_session_destroy(&fw, model.at(id));
+            model.erase(id);
+            EXPECT_EQ(tov_session_find(&fw, id), nullptr);
+        }
+        if (step % 5000 == 4999) {
+            check_tree(fw.sessions.tree, model.size());
+            ASSERT_EQ(live(owned_label), owned_live); // destroy freed what the sessions owned
+        }
+    }
+    EXPECT_EQ(tov_session_find(&fw, 0), nullptr);
+    // Cleanup frees the records but leaves what they own to its owner.
+    std::vector<void *> owned;
+    for (auto &[id, s] : model) {
+        if (s->owned_data) owned.push_back(s->owned_data);
+    }
+    EXPECT_EQ(tov_session_store_cleanup(&fw), 0u);
+    EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
+    EXPECT_EQ(live(owned_label), owned.size());
+    for (void *p : owned) kor_named_free(p);
+    ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK); // for TearDown
+}
+
+TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
+    fw.debug.level = TOV_LEVEL_TRACE;
+    const uint32_t state[4] = {0x12345678, 0x9abcdef0, 0x0badf00d, 0xfeedface};
+    auto candidates = predict(99, state, 15);
+    for (uint32_t id : candidates) ASSERT_NE(create_with_id(id), nullptr);
+    capture.take();
+
+    std::copy(state, state + 4, fw.id_state);
+    srand48(99);
+    EXPECT_EQ(tov_session_create(&fw), nullptr);
+    std::vector<std::string> expected;
+    for (uint32_t id : candidates)
+        expected.push_back(line("TRC:", "generated sesssion-id=" + std::to_string(static_cast<int32_t>(id)) +
+                                            " is invalid, generating new"));
+    expected.push_back(line("ERR:", "failed to generate unused session-id"));
+    EXPECT_EQ(capture.take(), expected);
+    EXPECT_EQ(live(kSessionLabel), 15u); // the refused record was freed
+    check_tree(fw.sessions.tree, 15);
+    auto ring = tov::test::ring_texts(dir.file("ses-tov/processor.trace"));
+    EXPECT_EQ(ring.back().rfind("ERR: tov_session_create:", 0), 0u);
+    EXPECT_EQ(ring[ring.size() - 2].rfind("TRC: tov_session_create:", 0), 0u);
+
+    // A zero candidate is refused the same way, then the next one is taken.
+    srand48(7);
+    uint32_t r = static_cast<uint32_t>(lrand48());
+    const uint32_t zero_first[4] = {0, 0, 0, r ^ (r >> 19)};
+    uint32_t next = predict(7, zero_first, 2)[1];
+    std::copy(zero_first, zero_first + 4, fw.id_state);
+    srand48(7);
+    ASSERT_NE(tov_session_create(&fw), nullptr);
+    EXPECT_EQ(capture.take(), (std::vector<std::string>{line("TRC:", "generated sesssion-id=0 is invalid, generating new"),
+                                                        line("DBG:", "assigned session-id=" + std::to_string(next))}));
+}
+
+TEST_F(Sessions, FailuresAndForeignRecordsLeaveNothingBehind) {
+    for (uint64_t nth : {1, 2}) {
+        kor_named_fail_nth(nth);
+        EXPECT_EQ(tov_session_create(&fw), nullptr);
+    }
+    kor_named_fail_nth(0);
+    EXPECT_EQ(capture.take(), (std::vector<std::string>{line("ERR:", "TOV session context allocation failed"),
+                                                        line("ERR:", "TOV session tree node allocation failed")}));
+    EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
+
+    // A record the store does not hold is freed, but what it owns is left alone.
+    fw.debug.level = TOV_LEVEL_DEBUG;
+    Session *kept = create_with_id(0x80000001u);
+    auto *stray = static_cast<Session *>(kor_named_calloc(1, sizeof(Session), kSessionLabel, 0));
+    stray->session_id = 0x80000002u;
+    void *data = stray->owned_data = kor_named_malloc(8, "test: stray owned data", 0);
+    capture.take();
+    tov_session_destroy(&fw, stray);
+    EXPECT_EQ(capture.take(), std::vector<std::string>{line("DBG:", "session-id=-2147483646 not found, cannot be destroyed")});
+    EXPECT_EQ(live("test: stray owned data"), 1u);
+    kor_named_free(data);
+    EXPECT_EQ(tov_session_find(&fw, 0x80000001u), kept);
+    tov_session_destroy(&fw, nullptr);
+}
+
+TEST(SessionDeathTest, NullFrameworkContextStopsTheProcess) {
+    EXPECT_DEATH(tov_session_store_init(nullptr), "");
+    EXPECT_DEATH(tov_session_create(nullptr), "");
+    EXPECT_DEATH(tov_session_find(nullptr, 1), "");
+}
+
+} // namespace
