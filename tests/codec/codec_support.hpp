@@ -62,162 +62,56 @@ inline std::string hex(const Bytes &b) {
     return s;
 }
 
-// Random data trees: every field kind, varied depth and fan-out. Strings and arrays come from
-// `alloc`, so the tree is released with kesh_tov_datatree_free_ext.
-class TreeGenerator {
-public:
-    TreeGenerator(uint32_t seed, tov_alloc_fn alloc, uintptr_t ctx) : rng_(seed), alloc_(alloc), ctx_(ctx) {}
-
-    void fill(DataTree &t, int depth_left, int max_children = 4) {
-        std::memset(&t, 0, sizeof t);
-        maybe_string(t.name, t.present, TOV_DATATREE_BIT_NAME, 90);
-        maybe_string(t.value, t.present, TOV_DATATREE_BIT_VALUE, 50);
-        maybe_string(t.qualifier, t.present, TOV_DATATREE_BIT_QUALIFIER, 20);
-        maybe_number(t.aux_number_4, t.present, TOV_DATATREE_BIT_AUX_NUMBER_4, 15);
-        maybe_number(t.operation, t.present, TOV_DATATREE_BIT_OPERATION, 30);
-        if (chance(30)) {
-            t.attributes_count = 1 + pick(3);
-            t.attributes = array<Attribute>(t.attributes_count);
-            for (uint32_t i = 0; i < t.attributes_count; ++i) fill(t.attributes[i]);
-            tov_bit_set(t.present, TOV_DATATREE_BIT_ATTRIBUTES);
-        }
-        if (depth_left > 0 && chance(60)) {
-            t.children_count = 1 + pick(static_cast<uint32_t>(max_children));
-            t.children = array<DataTree>(t.children_count);
-            for (uint32_t i = 0; i < t.children_count; ++i) fill(t.children[i], depth_left - 1, max_children);
-            tov_bit_set(t.present, TOV_DATATREE_BIT_CHILDREN);
-        }
-        maybe_number(t.aux_number_8, t.present, TOV_DATATREE_BIT_AUX_NUMBER_8, 10);
-        if (chance(20)) {
-            maybe_string(t.node_info.text, t.node_info.present, TOV_NODE_INFO_BIT_TEXT, 50);
-            maybe_number(t.node_info.number, t.node_info.present, TOV_NODE_INFO_BIT_NUMBER, 50);
-            if (chance(60)) {
-                t.node_info.items_count = 1 + pick(4);
-                t.node_info.items = array<char *>(t.node_info.items_count);
-                for (uint32_t i = 0; i < t.node_info.items_count; ++i) t.node_info.items[i] = string();
-                tov_bit_set(t.node_info.present, TOV_NODE_INFO_BIT_ITEMS);
-            }
-            if (chance(80)) tov_bit_set(t.present, TOV_DATATREE_BIT_NODE_INFO);
-        }
-        maybe_number(t.aux_number_10, t.present, TOV_DATATREE_BIT_AUX_NUMBER_10, 10);
-        if (chance(15)) {
-            EditIns &e = t.insert;
-            maybe_number(e.position, e.present, TOV_EDIT_INS_BIT_POSITION, 60);
-            if (chance(50)) {
-                e.key.keys_count = pick(3);
-                if (e.key.keys_count) {
-                    e.key.keys = array<Attribute>(e.key.keys_count);
-                    for (uint32_t i = 0; i < e.key.keys_count; ++i) fill(e.key.keys[i]);
-                    tov_bit_set(e.key.present, TOV_EDIT_INS_KEY_BIT_KEYS);
-                }
-                maybe_string(e.key.value, e.key.present, TOV_EDIT_INS_KEY_BIT_VALUE, 50);
-                tov_bit_set(e.present, TOV_EDIT_INS_BIT_KEY);
-            }
-            if (chance(40)) {
-                fill(e.attribute);
-                tov_bit_set(e.present, TOV_EDIT_INS_BIT_ATTRIBUTE);
-            }
-            if (chance(80)) tov_bit_set(t.present, TOV_DATATREE_BIT_INSERT);
-        }
-        maybe_number(t.aux_number_12, t.present, TOV_DATATREE_BIT_AUX_NUMBER_12, 10);
-        maybe_string(t.aux_text_13, t.present, TOV_DATATREE_BIT_AUX_TEXT_13, 10);
-    }
-
-    void fill(Attribute &a) {
-        std::memset(&a, 0, sizeof a);
-        maybe_string(a.name, a.present, TOV_ATTRIBUTE_BIT_NAME, 90);
-        maybe_string(a.value, a.present, TOV_ATTRIBUTE_BIT_VALUE, 70);
-    }
-
-    bool chance(uint32_t percent) { return pick(100) < percent; }
-    uint32_t pick(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng_); }
-    uint32_t number() {
-        switch (pick(4)) {
-        case 0: return 0;
-        case 1: return pick(128);
-        case 2: return pick(1u << 20);
-        default: return static_cast<uint32_t>(rng_());
-        }
-    }
-    char *string() {
-        uint32_t n = chance(10) ? 0 : 1 + pick(chance(10) ? 300 : 12);
-        char *s = static_cast<char *>(alloc_(n + 1, ctx_));
-        for (uint32_t i = 0; i < n; ++i) s[i] = static_cast<char>('a' + pick(26));
-        s[n] = '\0';
-        return s;
-    }
-
-private:
-    template <class T> T *array(uint32_t count) {
-        auto *p = static_cast<T *>(alloc_(static_cast<uint32_t>(count * sizeof(T)), ctx_));
-        std::memset(p, 0, count * sizeof(T));
-        return p;
-    }
-    void maybe_string(char *&member, uint8_t *present, unsigned bit, uint32_t percent) {
-        if (!chance(percent)) return;
-        member = string();
-        tov_bit_set(present, bit);
-    }
-    void maybe_number(uint32_t &member, uint8_t *present, unsigned bit, uint32_t percent) {
-        if (!chance(percent)) return;
-        member = number();
-        tov_bit_set(present, bit);
-    }
-
-    std::mt19937 rng_;
-    tov_alloc_fn alloc_;
-    uintptr_t ctx_;
-};
-
 } // namespace tov::test
 
 namespace tov::test {
 
-// Random records of any message, driven by its table: what the codec can express, it fills.
+// Random records of any message, driven by its table: every field kind the codec has, nesting
+// through inline records and arrays down to `depth`, fan-out up to `max_elements`. Strings and
+// arrays come from `alloc`, so a record is released with its free_ext.
 class RecordFiller {
 public:
-    RecordFiller(uint32_t seed, tov_alloc_fn alloc, uintptr_t ctx) : gen_(seed, alloc, ctx), alloc_(alloc), ctx_(ctx) {}
+    RecordFiller(uint32_t seed, tov_alloc_fn alloc, uintptr_t ctx) : rng_(seed), alloc_(alloc), ctx_(ctx) {}
 
-    // `record` must be zeroed (or reset); `depth` bounds nesting through arrays and inline records.
-    void fill(const detail::MessageDesc &d, uint8_t *record, int depth) {
+    void fill(const detail::MessageDesc &d, void *rec, int depth, uint32_t max_elements = 3) {
+        auto *record = static_cast<uint8_t *>(rec);
         detail::reset(d, record);
         for (unsigned i = 0; i < d.field_count; ++i) {
             const detail::FieldDesc &f = d.fields[i];
             uint8_t *member = record + f.offset;
-            if (!gen_.chance(f.kind == detail::Kind::Messages ? 35 : 55)) continue;
+            if (!chance(f.kind == detail::Kind::Messages ? 45 : 50)) continue;
             switch (f.kind) {
             case detail::Kind::Varint32:
-                put<uint32_t>(member, gen_.number());
+                put<uint32_t>(member, number());
                 break;
             case detail::Kind::Bool:
-                put<uint8_t>(member, gen_.chance(50));
+                put<uint8_t>(member, chance(50));
                 break;
             case detail::Kind::Varint64:
-                put<uint64_t>(member, (uint64_t{gen_.number()} << gen_.pick(33)) ^ gen_.number());
+                put<uint64_t>(member, (uint64_t{number()} << pick(33)) ^ number());
                 break;
             case detail::Kind::String:
-                put<char *>(member, gen_.string());
+                put<char *>(member, string());
                 break;
             case detail::Kind::Flag:
                 break;
             case detail::Kind::Message:
-                if (depth > 0) fill(*f.sub, member, depth - 1);
+                if (depth > 0) fill(*f.sub, member, depth - 1, max_elements);
                 break;
             case detail::Kind::Messages: {
                 if (depth <= 0) continue;
                 const detail::MessageDesc &sub = detail::sub_of(d, f);
-                const uint32_t count = 1 + gen_.pick(3);
+                const uint32_t count = 1 + pick(max_elements);
                 auto *elements = static_cast<uint8_t *>(alloc_(count * sub.size, ctx_));
-                std::memset(elements, 0, count * sub.size);
-                for (uint32_t k = 0; k < count; ++k) fill(sub, elements + k * sub.size, depth - 1);
+                for (uint32_t k = 0; k < count; ++k) fill(sub, elements + k * sub.size, depth - 1, max_elements);
                 put<uint8_t *>(member, elements);
                 put<uint32_t>(record + f.count_offset, count);
                 break;
             }
             case detail::Kind::Strings: {
-                const uint32_t count = 1 + gen_.pick(3);
+                const uint32_t count = 1 + pick(max_elements);
                 auto **items = static_cast<char **>(alloc_(count * sizeof(char *), ctx_));
-                for (uint32_t k = 0; k < count; ++k) items[k] = gen_.string();
+                for (uint32_t k = 0; k < count; ++k) items[k] = string();
                 put<char **>(member, items);
                 put<uint32_t>(record + f.count_offset, count);
                 break;
@@ -227,9 +121,28 @@ public:
         }
     }
 
+    uint32_t pick(uint32_t n) { return std::uniform_int_distribution<uint32_t>(0, n - 1)(rng_); }
+
 private:
     template <class T> static void put(uint8_t *p, T v) { std::memcpy(p, &v, sizeof v); }
-    TreeGenerator gen_;
+    bool chance(uint32_t percent) { return pick(100) < percent; }
+    uint32_t number() {
+        switch (pick(4)) {
+        case 0: return 0;
+        case 1: return pick(128);
+        case 2: return pick(1u << 20);
+        default: return static_cast<uint32_t>(rng_());
+        }
+    }
+    char *string() {
+        const uint32_t n = chance(10) ? 0 : 1 + pick(chance(10) ? 300 : 12);
+        char *s = static_cast<char *>(alloc_(n + 1, ctx_));
+        for (uint32_t i = 0; i < n; ++i) s[i] = static_cast<char>('a' + pick(26));
+        s[n] = '\0';
+        return s;
+    }
+
+    std::mt19937 rng_;
     tov_alloc_fn alloc_;
     uintptr_t ctx_;
 };

@@ -28,7 +28,7 @@ TEST(Corpus, CanonicalEncodingsOfEveryMessageRoundTripByteForByte) {
         std::vector<std::max_align_t> a(d.size / sizeof(std::max_align_t) + 1), b(a.size());
         const int count = d.field_count == 0 ? 1 : 40;
         for (int k = 0; k < count; ++k) {
-            filler.fill(d, reinterpret_cast<uint8_t *>(a.data()), 3);
+            filler.fill(d, a.data(), 3);
             const Bytes canonical = encode(d, a.data());
             c.free(a.data(), named_free, 0);
             ASSERT_EQ(c.decode(b.data(), canonical.data(), static_cast<uint32_t>(canonical.size()), named_alloc,

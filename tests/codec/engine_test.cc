@@ -151,10 +151,10 @@ TEST(Encode, PresenceAgainstContent) {
 class RichTree : public ::testing::Test {
 protected:
     void SetUp() override {
-        TreeGenerator gen(20261122, named_alloc, kLabel.ctx());
+        RecordFiller gen(20261122, named_alloc, kLabel.ctx());
         do {
             free_tree(tree);
-            gen.fill(tree, 4);
+            gen.fill(kDataTree, &tree, 5);
             bytes = encode(kDataTree, &tree);
         } while (bytes.size() < 400);
     }

@@ -243,11 +243,11 @@ TEST(Interop, RandomMessagesOfEveryTypeFromProtobuf) {
 // Random data trees made as records parse in protobuf to the same values, and protobuf's
 // serialisation of them decodes to records that encode to the same bytes.
 TEST(Interop, RandomDataTreesFromTheCodec) {
-    TreeGenerator gen(0x7EE5, named_alloc, kLabel.ctx());
+    RecordFiller gen(0x7EE5, named_alloc, kLabel.ctx());
     kesh::tov::datatree parsed;
     for (int round = 0; round < 3000; ++round) {
-        DataTree tree;
-        gen.fill(tree, static_cast<int>(gen.pick(7)), 1 + static_cast<int>(gen.pick(5)));
+        DataTree tree; // varied depth and fan-out
+        gen.fill(detail::kDataTree, &tree, static_cast<int>(gen.pick(8)), 1 + gen.pick(5));
         const Bytes ours = encode(detail::kDataTree, &tree);
         ASSERT_TRUE(parsed.ParseFromArray(ours.data(), static_cast<int>(ours.size())));
         expect_same(detail::kDataTree, reinterpret_cast<const uint8_t *>(&tree), parsed, false, "datatree");

@@ -18,12 +18,12 @@ int32_t decode_tree(DataTree &t, const Bytes &b, tov_alloc_fn alloc = named_allo
 void free_tree(DataTree &t) { kesh_tov_datatree_free_ext(&t, named_free, 0, 0); }
 
 TEST(AllocationFailure, EachPointOfDecodeAndDuplicateFailsCleanly) {
-    TreeGenerator gen(7, named_alloc, kLabel.ctx());
+    RecordFiller gen(7, named_alloc, kLabel.ctx());
     DataTree source{};
     Bytes bytes;
     while (bytes.size() < 2000) {
         free_tree(source);
-        gen.fill(source, 5);
+        gen.fill(detail::kDataTree, &source, 6);
         bytes = encode(detail::kDataTree, &source);
     }
     const uint64_t before = kor_named_call_count();
