@@ -71,26 +71,35 @@ uint32_t size_of(const Workload &w) { return static_cast<uint32_t>(w.bytes.size(
 
 // ---- decode ----
 
-void tov_decode_request(benchmark::State &state) {
-    const Workload &w = request_workload();
-    Request r;
+template <class R> struct TovCodec {
+    int32_t (*decode)(R *, const uint8_t *, uint32_t, tov_alloc_fn, uintptr_t, uintptr_t);
+    uint32_t (*encode)(const R *, uint8_t *, uint32_t, TovSpan *, uint32_t *, uintptr_t);
+    void (*free)(R *, tov_free_fn, uintptr_t, uintptr_t);
+};
+const TovCodec<Request> kRequest{kesh_tov_request_decode_ext, kesh_tov_request_encode_ext, kesh_tov_request_free_ext};
+const TovCodec<Response> kResponse{kesh_tov_response_decode_ext, kesh_tov_response_encode_ext,
+                                   kesh_tov_response_free_ext};
+
+template <class M> struct CCodec {
+    M *(*unpack)(ProtobufCAllocator *, size_t, const uint8_t *);
+    void (*free_unpacked)(M *, ProtobufCAllocator *);
+    size_t (*packed_size)(const M *);
+    size_t (*pack)(const M *, uint8_t *);
+};
+const CCodec<Kesh__Tov__Request> kCRequest{kesh__tov__request__unpack, kesh__tov__request__free_unpacked,
+                                          kesh__tov__request__get_packed_size, kesh__tov__request__pack};
+const CCodec<Kesh__Tov__Response> kCResponse{kesh__tov__response__unpack, kesh__tov__response__free_unpacked,
+                                            kesh__tov__response__get_packed_size, kesh__tov__response__pack};
+
+template <class R> void tov_decode(benchmark::State &state, const Workload &w, const TovCodec<R> &c) {
+    R r;
     for (auto _ : state) {
-        if (kesh_tov_request_decode_ext(&r, data_of(w), size_of(w), heap_alloc, 0, 0) != 0) state.SkipWithError("decode");
-        kesh_tov_request_free_ext(&r, heap_free, 0, 0);
-    }
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
-void tov_decode_response(benchmark::State &state) {
-    const Workload &w = response_workload();
-    Response r;
-    for (auto _ : state) {
-        if (kesh_tov_response_decode_ext(&r, data_of(w), size_of(w), heap_alloc, 0, 0) != 0) state.SkipWithError("decode");
-        kesh_tov_response_free_ext(&r, heap_free, 0, 0);
+        if (c.decode(&r, data_of(w), size_of(w), heap_alloc, 0, 0) != 0) state.SkipWithError("decode");
+        c.free(&r, heap_free, 0, 0);
     }
     state.SetBytesProcessed(state.iterations() * w.bytes.size());
 }
 template <class M> void protobuf_decode(benchmark::State &state, const Workload &w) {
-    M m;
     for (auto _ : state) {
         M fresh; // a fresh message each time, as the C decoders start from a reset record
         if (!fresh.ParseFromString(w.bytes)) state.SkipWithError("parse");
@@ -98,55 +107,28 @@ template <class M> void protobuf_decode(benchmark::State &state, const Workload 
     }
     state.SetBytesProcessed(state.iterations() * w.bytes.size());
 }
-void protobuf_decode_request(benchmark::State &s) { protobuf_decode<kesh::tov::request>(s, request_workload()); }
-void protobuf_decode_response(benchmark::State &s) { protobuf_decode<kesh::tov::response>(s, response_workload()); }
-void protobuf_c_decode_request(benchmark::State &state) {
-    const Workload &w = request_workload();
+template <class M> void protobuf_c_decode(benchmark::State &state, const Workload &w, const CCodec<M> &c) {
     for (auto _ : state) {
-        Kesh__Tov__Request *r = kesh__tov__request__unpack(nullptr, w.bytes.size(), data_of(w));
-        if (!r) state.SkipWithError("unpack");
-        kesh__tov__request__free_unpacked(r, nullptr);
-    }
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
-void protobuf_c_decode_response(benchmark::State &state) {
-    const Workload &w = response_workload();
-    for (auto _ : state) {
-        Kesh__Tov__Response *r = kesh__tov__response__unpack(nullptr, w.bytes.size(), data_of(w));
-        if (!r) state.SkipWithError("unpack");
-        kesh__tov__response__free_unpacked(r, nullptr);
+        M *m = c.unpack(nullptr, w.bytes.size(), data_of(w));
+        if (!m) state.SkipWithError("unpack");
+        c.free_unpacked(m, nullptr);
     }
     state.SetBytesProcessed(state.iterations() * w.bytes.size());
 }
 
 // ---- encode (measure, then write into a buffer of that size) ----
 
-void tov_encode_request(benchmark::State &state) {
-    const Workload &w = request_workload();
-    Request r;
-    kesh_tov_request_decode_ext(&r, data_of(w), size_of(w), heap_alloc, 0, 0);
+template <class R> void tov_encode(benchmark::State &state, const Workload &w, const TovCodec<R> &c) {
+    R r;
+    c.decode(&r, data_of(w), size_of(w), heap_alloc, 0, 0);
     std::string out(w.bytes.size(), '\0');
     for (auto _ : state) {
-        uint32_t n = kesh_tov_request_encode_ext(&r, nullptr, 0, nullptr, nullptr, 0);
-        kesh_tov_request_encode_ext(&r, reinterpret_cast<uint8_t *>(out.data()), n, nullptr, nullptr, 0);
+        uint32_t n = c.encode(&r, nullptr, 0, nullptr, nullptr, 0);
+        c.encode(&r, reinterpret_cast<uint8_t *>(out.data()), n, nullptr, nullptr, 0);
         benchmark::DoNotOptimize(out.data());
     }
     if (out != w.bytes) state.SkipWithError("different bytes");
-    kesh_tov_request_free_ext(&r, heap_free, 0, 0);
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
-void tov_encode_response(benchmark::State &state) {
-    const Workload &w = response_workload();
-    Response r;
-    kesh_tov_response_decode_ext(&r, data_of(w), size_of(w), heap_alloc, 0, 0);
-    std::string out(w.bytes.size(), '\0');
-    for (auto _ : state) {
-        uint32_t n = kesh_tov_response_encode_ext(&r, nullptr, 0, nullptr, nullptr, 0);
-        kesh_tov_response_encode_ext(&r, reinterpret_cast<uint8_t *>(out.data()), n, nullptr, nullptr, 0);
-        benchmark::DoNotOptimize(out.data());
-    }
-    if (out != w.bytes) state.SkipWithError("different bytes");
-    kesh_tov_response_free_ext(&r, heap_free, 0, 0);
+    c.free(&r, heap_free, 0, 0);
     state.SetBytesProcessed(state.iterations() * w.bytes.size());
 }
 template <class M> void protobuf_encode(benchmark::State &state, const Workload &w) {
@@ -160,32 +142,30 @@ template <class M> void protobuf_encode(benchmark::State &state, const Workload 
     }
     state.SetBytesProcessed(state.iterations() * w.bytes.size());
 }
+template <class M> void protobuf_c_encode(benchmark::State &state, const Workload &w, const CCodec<M> &c) {
+    M *m = c.unpack(nullptr, w.bytes.size(), data_of(w));
+    std::string out(w.bytes.size(), '\0');
+    for (auto _ : state) {
+        size_t n = c.packed_size(m);
+        c.pack(m, reinterpret_cast<uint8_t *>(out.data()));
+        benchmark::DoNotOptimize(n);
+    }
+    c.free_unpacked(m, nullptr);
+    state.SetBytesProcessed(state.iterations() * w.bytes.size());
+}
+
+void tov_decode_request(benchmark::State &s) { tov_decode(s, request_workload(), kRequest); }
+void protobuf_decode_request(benchmark::State &s) { protobuf_decode<kesh::tov::request>(s, request_workload()); }
+void protobuf_c_decode_request(benchmark::State &s) { protobuf_c_decode(s, request_workload(), kCRequest); }
+void tov_decode_response(benchmark::State &s) { tov_decode(s, response_workload(), kResponse); }
+void protobuf_decode_response(benchmark::State &s) { protobuf_decode<kesh::tov::response>(s, response_workload()); }
+void protobuf_c_decode_response(benchmark::State &s) { protobuf_c_decode(s, response_workload(), kCResponse); }
+void tov_encode_request(benchmark::State &s) { tov_encode(s, request_workload(), kRequest); }
 void protobuf_encode_request(benchmark::State &s) { protobuf_encode<kesh::tov::request>(s, request_workload()); }
+void protobuf_c_encode_request(benchmark::State &s) { protobuf_c_encode(s, request_workload(), kCRequest); }
+void tov_encode_response(benchmark::State &s) { tov_encode(s, response_workload(), kResponse); }
 void protobuf_encode_response(benchmark::State &s) { protobuf_encode<kesh::tov::response>(s, response_workload()); }
-void protobuf_c_encode_request(benchmark::State &state) {
-    const Workload &w = request_workload();
-    Kesh__Tov__Request *r = kesh__tov__request__unpack(nullptr, w.bytes.size(), data_of(w));
-    std::string out(w.bytes.size(), '\0');
-    for (auto _ : state) {
-        size_t n = kesh__tov__request__get_packed_size(r);
-        kesh__tov__request__pack(r, reinterpret_cast<uint8_t *>(out.data()));
-        benchmark::DoNotOptimize(n);
-    }
-    kesh__tov__request__free_unpacked(r, nullptr);
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
-void protobuf_c_encode_response(benchmark::State &state) {
-    const Workload &w = response_workload();
-    Kesh__Tov__Response *r = kesh__tov__response__unpack(nullptr, w.bytes.size(), data_of(w));
-    std::string out(w.bytes.size(), '\0');
-    for (auto _ : state) {
-        size_t n = kesh__tov__response__get_packed_size(r);
-        kesh__tov__response__pack(r, reinterpret_cast<uint8_t *>(out.data()));
-        benchmark::DoNotOptimize(n);
-    }
-    kesh__tov__response__free_unpacked(r, nullptr);
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
+void protobuf_c_encode_response(benchmark::State &s) { protobuf_c_encode(s, response_workload(), kCResponse); }
 
 BENCHMARK(tov_decode_request);
 BENCHMARK(protobuf_decode_request);

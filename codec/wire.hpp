@@ -6,18 +6,19 @@
 
 namespace tov::detail {
 
-// Reads a varint into 32 bits. Bytes past the fifth are skipped until one ends the varint (an
-// over-long varint is accepted and truncated, deliberately). False when the buffer ends first.
-inline bool read_varint32(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &value) {
+// Reads a varint into T (32 or 64 bits): up to five or ten bytes carry bits; further bytes are
+// skipped until one ends the varint (an over-long varint is accepted and truncated, deliberately;
+// in 32 bits the fifth byte keeps only its low four bits). False when the buffer ends first.
+template <class T> bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32_t end, T &value) {
     if (pos < end && buffer[pos] < 0x80) {
         value = buffer[pos++];
         return true;
     }
-    uint32_t v = 0;
-    for (unsigned shift = 0; shift < 35; shift += 7) {
+    T v = 0;
+    for (unsigned shift = 0; shift < 8 * sizeof(T) + 7 - (8 * sizeof(T)) % 7; shift += 7) {
         if (pos >= end) return false;
-        uint8_t byte = buffer[pos++];
-        v |= static_cast<uint32_t>(byte & 0x7f) << shift; // the fifth byte keeps only its low four bits
+        const uint8_t byte = buffer[pos++];
+        v |= static_cast<T>(byte & 0x7f) << shift;
         if (!(byte & 0x80)) {
             value = v;
             return true;
@@ -30,26 +31,8 @@ inline bool read_varint32(const uint8_t *buffer, uint32_t &pos, uint32_t end, ui
     value = v;
     return true;
 }
-
-// The same for a full 64-bit value (ten bytes; further bytes are skipped likewise).
-inline bool read_varint64(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint64_t &value) {
-    uint64_t v = 0;
-    for (unsigned shift = 0; shift < 70; shift += 7) {
-        if (pos >= end) return false;
-        uint8_t byte = buffer[pos++];
-        v |= static_cast<uint64_t>(byte & 0x7f) << shift;
-        if (!(byte & 0x80)) {
-            value = v;
-            return true;
-        }
-    }
-    for (;;) {
-        if (pos >= end) return false;
-        if (!(buffer[pos++] & 0x80)) break;
-    }
-    value = v;
-    return true;
-}
+inline bool read_varint32(const uint8_t *b, uint32_t &pos, uint32_t end, uint32_t &v) { return read_varint(b, pos, end, v); }
+inline bool read_varint64(const uint8_t *b, uint32_t &pos, uint32_t end, uint64_t &v) { return read_varint(b, pos, end, v); }
 
 constexpr uint32_t varint_size(uint64_t value) {
     uint32_t n = 1;
