@@ -48,29 +48,6 @@ template <class T> Bytes encode_public(const char *message, const T &record) {
     return out;
 }
 
-TEST(PublicFunctions, EveryMessageIsWiredToItsOwnTable) {
-    // An empty buffer decodes through each exported function into a record that the same
-    // message's encoder, duplicator and releaser accept; a message-specific first field proves
-    // that the wrapper reached the right table.
-    for (const PublicCodec &c : kPublicCodecs) {
-        SCOPED_TRACE(c.desc->name);
-        std::vector<std::max_align_t> a(c.desc->size / sizeof(std::max_align_t) + 1), b(a.size());
-        ASSERT_EQ(c.decode(a.data(), nullptr, 0, named_alloc, kLabel.ctx()), 0);
-        EXPECT_EQ(c.encode(a.data(), nullptr, 0, nullptr, nullptr), 0u);
-        EXPECT_EQ(c.duplicate(b.data(), a.data(), named_alloc, kLabel.ctx()), 0);
-        c.free(b.data(), named_free, 0);
-        if (c.desc->field_count == 0) continue;
-        const FieldDesc &first = c.desc->fields[0];
-        const uint8_t key = static_cast<uint8_t>(first.number << 3 | wire_type_of(first.kind));
-        const Bytes one = {key, 0x00};
-        ASSERT_EQ(c.decode(a.data(), one.data(), 2, named_alloc, kLabel.ctx()), 0);
-        EXPECT_TRUE(tov_bit_is_set(static_cast<uint8_t *>(static_cast<void *>(a.data())) + c.desc->present_offset, 0));
-        EXPECT_EQ(c.encode(a.data(), nullptr, 0, nullptr, nullptr), 2u);
-        c.free(a.data(), named_free, 0);
-    }
-    EXPECT_EQ(kLabel.live(), 0u);
-}
-
 TEST(DataTreeMessages, ExactBytes) {
     DataTree t{};
     t.name = text("ab");
