@@ -520,6 +520,8 @@ uint32_t encode(const MessageDesc &root, const void *root_record, uint8_t *buffe
         if (span_count) *span_count = 0;
         return 0;
     }
+    // Measuring (no room, no span list) needs no writing walk at all.
+    if ((!buffer || capacity == 0) && !span_count) return measure(root, static_cast<const uint8_t *>(root_record), nullptr);
     SizeSlots slots;
     const uint32_t total = measure(root, static_cast<const uint8_t *>(root_record), &slots);
     const bool have_slots = slots.ok();
