@@ -71,6 +71,22 @@ void check(bool ok, const char *what) {
     }
 }
 
+// Into half the room: the full length is returned, nothing is written at or past the capacity,
+// what is written agrees with the full encoding, and spans count every non-empty encoding with
+// the outermost last.
+void check_short_capacity(const void *record, const std::vector<uint8_t> &bytes) {
+    const uint32_t n = static_cast<uint32_t>(bytes.size()), capacity = n / 2;
+    std::vector<uint8_t> out(n + 8, 0xCC);
+    TovSpan spans[64];
+    uint32_t span_count = 64;
+    check(g_codec->encode(record, out.data(), capacity, spans, &span_count) == n, "short buffer: wrong length");
+    for (uint32_t i = 0; i < out.size(); ++i)
+        check(i < capacity ? out[i] == bytes[i] || out[i] == 0xCC : out[i] == 0xCC, "short buffer: stray byte");
+    check((n == 0) == (span_count == 0), "span count of an empty encoding");
+    if (n != 0 && span_count <= 64)
+        check(spans[span_count - 1].start == out.data() && spans[span_count - 1].length == n, "outermost span");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
@@ -111,6 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                               arena.ctx()) == 0,
               "an encoding does not decode");
         check(encode(again.get()) == bytes, "encode(decode(encode(x))) differs from encode(x)");
+        check_short_capacity(first.get(), bytes);
         g_codec->free(again.get(), Arena::release, arena.ctx());
         g_codec->free(copy.get(), Arena::release, arena.ctx());
     }
