@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "codec/walk_stack.hpp"
+#include "core/walk_stack.hpp"
 #include "codec/wire.hpp"
 
 namespace tov::detail {

@@ -19,10 +19,10 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "platform/stop.hpp"
+#include "core/stop.hpp"
 #include "tov/debug.h"
 #include "tov/kor_debug_flags.h"
-#include "tov/session.h"
+#include "tov/framework.h"
 
 namespace tov::detail {
 

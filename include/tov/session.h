@@ -1,35 +1,22 @@
-/* The session store and the per-process framework context.
+/* The session store.
  *
  * Each framework process keeps its open management sessions in a SessionStore, a balanced tree of
  * Session records keyed by a random, non-zero 32-bit session id that is unique among the live
  * sessions. The store, the root DebugContext and the id generator's state live together in the
- * process's FrameworkContext. Nothing here is locked: one thread uses a store. */
+ * process's FrameworkContext (tov/framework.h). Nothing here is locked: one thread uses a store. */
 #ifndef TOV_SESSION_H
 #define TOV_SESSION_H
 
 #include <stdint.h>
 
-#include "tov/debug.h"
 #include "tov/export.h"
-#include "tov/kor_wavl.h"
+#include "tov/framework.h"
 
 typedef struct Session {
     void *owned_data;    /* freed with kor_named_free when the store destroys the session */
     uint32_t session_id; /* never 0 */
     uint32_t user[6];    /* zero at creation; the session's user owns them */
 } Session;
-
-typedef struct SessionStore {
-    kor_wavl_tree tree; /* of Session records ordered by session_id */
-} SessionStore;
-
-/* The per-process context handed to request support and level control. Log lines about it print
- * the FrameworkContext's address and are filtered and traced through its `debug` context. */
-typedef struct FrameworkContext {
-    SessionStore sessions;
-    DebugContext debug;      /* the process's root debug component */
-    uint32_t id_state[4];    /* session-id generator (xorshift128) state: x, y, z, w */
-} FrameworkContext;
 
 TOV_BEGIN_DECLS
 

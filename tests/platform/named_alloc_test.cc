@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/stop.hpp"
+#include "core/stop.hpp"
 #include "tov/kor_alloc.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/stop.hpp"
+#include "core/stop.hpp"
 
 #include <cstdint>
 #include <cstdlib>
