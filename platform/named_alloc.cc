@@ -93,12 +93,19 @@ Registry &registry() {
 }
 
 std::atomic<uint64_t> g_calls{0};
-std::atomic<uint64_t> g_fail_at{0}; // absolute call number that fails; 0 = none
+std::atomic<uint64_t> g_fail_at{0};          // absolute call number that fails; 0 = none
+std::atomic<bool> g_fail_persistent{false};   // and every call after it
+std::atomic<uint64_t> g_failures{0};          // failures injected so far
+std::atomic<const char *> g_failed_label{nullptr};
 
-bool next_call_fails() {
+bool next_call_fails(const char *label) {
     uint64_t call = g_calls.fetch_add(1, std::memory_order_relaxed) + 1;
     uint64_t fail_at = g_fail_at.load(std::memory_order_relaxed);
-    return fail_at != 0 && call == fail_at;
+    if (fail_at == 0 || call < fail_at) return false;
+    if (call > fail_at && !g_fail_persistent.load(std::memory_order_relaxed)) return false;
+    g_failures.fetch_add(1, std::memory_order_relaxed);
+    g_failed_label.store(label, std::memory_order_relaxed);
+    return true;
 }
 
 void *finish_block(void *raw, size_t size, const char *label) {
@@ -124,13 +131,13 @@ using namespace tov::detail;
 extern "C" {
 
 TOV_API void *kor_named_malloc(size_t size, const char *label, uint32_t) {
-    if (next_call_fails() || !size_fits(size)) return nullptr;
+    if (next_call_fails(label) || !size_fits(size)) return nullptr;
     void *raw = std::malloc(sizeof(BlockHeader) + size);
     return raw ? finish_block(raw, size, label) : nullptr;
 }
 
 TOV_API void *kor_named_calloc(size_t count, size_t size, const char *label, uint32_t) {
-    if (next_call_fails()) return nullptr;
+    if (next_call_fails(label)) return nullptr;
     if (size != 0 && count > SIZE_MAX / size) return nullptr;
     size_t total = count * size;
     if (!size_fits(total)) return nullptr;
@@ -146,7 +153,7 @@ TOV_API void *kor_named_realloc(void *pointer, size_t size, const char *label, u
     }
     BlockHeader *old = header_of(pointer);
     size_t old_size = old->size;
-    if (size > old_size && next_call_fails()) return nullptr;
+    if (size > old_size && next_call_fails(label)) return nullptr;
     if (!size_fits(size)) return nullptr;
     Registry &r = registry();
     {
@@ -193,9 +200,18 @@ TOV_API uint64_t kor_named_report_live(FILE *out) {
     return r.report(out);
 }
 
-TOV_API void kor_named_fail_nth(uint64_t n) {
+TOV_API void kor_named_fail_config(uint64_t n, uint32_t persistent) {
+    g_fail_persistent.store(persistent != 0, std::memory_order_relaxed);
+    g_failures.store(0, std::memory_order_relaxed);
+    g_failed_label.store(nullptr, std::memory_order_relaxed);
     g_fail_at.store(n == 0 ? 0 : g_calls.load(std::memory_order_relaxed) + n, std::memory_order_relaxed);
 }
+
+TOV_API void kor_named_fail_nth(uint64_t n) { kor_named_fail_config(n, 0); }
+
+TOV_API uint64_t kor_named_fail_count(void) { return g_failures.load(std::memory_order_relaxed); }
+
+TOV_API const char *kor_named_last_failed_label(void) { return g_failed_label.load(std::memory_order_relaxed); }
 
 TOV_API uint64_t kor_named_call_count(void) { return g_calls.load(std::memory_order_relaxed); }
 

@@ -37,6 +37,15 @@ TOV_API uint64_t kor_named_report_live(FILE *out);
 /* Makes the n-th allocation from now fail (1 = the next one); 0 switches failure off. Counts
  * malloc, calloc and growing realloc calls of every label, in every thread. */
 TOV_API void kor_named_fail_nth(uint64_t n);
+/* The same with a mode, as SQLite's fault simulator has: `persistent` 0 fails the n-th call once,
+ * non-zero fails it and every call after it, until the next configuration. Resets the two
+ * figures below. */
+TOV_API void kor_named_fail_config(uint64_t n, uint32_t persistent);
+/* Failures injected since the last configuration, and the label of the latest one (NULL when
+ * none): a test tells a benign failure (one the code is meant to survive, such as an optional
+ * copy) from the others by its label. */
+TOV_API uint64_t kor_named_fail_count(void);
+TOV_API const char *kor_named_last_failed_label(void);
 /* Number of allocation calls made so far (successful or failed), for counting allocation points. */
 TOV_API uint64_t kor_named_call_count(void);
 
