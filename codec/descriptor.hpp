@@ -30,6 +30,7 @@ struct FieldDesc {
     uint16_t count_offset; // arrays only: the uint32_t count member
     const MessageDesc *sub; // Message, Messages, Flag; nullptr in Messages means "this message"
     uint32_t default_value; // stored by reset; 0 for nearly every field
+    const char *name;       // the field's name in the wire schema (the member's name)
 };
 
 inline constexpr uint32_t kMaxFieldNumber = 63;
@@ -58,10 +59,11 @@ constexpr uint32_t wire_type_of(Kind k) {
 }
 
 constexpr FieldDesc field(uint32_t number, Kind kind, uint16_t offset, uint16_t count_offset, const MessageDesc *sub,
-                          uint32_t default_value) {
+                          uint32_t default_value, const char *name) {
     if (number == 0 || number > 63) throw "field number out of range";
-    return FieldDesc{number, kind, static_cast<uint8_t>(number < 16 ? 1 : 2),
-                     static_cast<uint16_t>(number << 3 | wire_type_of(kind)), offset, count_offset, sub, default_value};
+    return FieldDesc{number,      kind, static_cast<uint8_t>(number < 16 ? 1 : 2),
+                     static_cast<uint16_t>(number << 3 | wire_type_of(kind)), offset, count_offset, sub, default_value,
+                     name};
 }
 
 constexpr const MessageDesc &sub_of(const MessageDesc &m, const FieldDesc &f) { return f.sub ? *f.sub : m; }
@@ -123,24 +125,26 @@ constexpr MessageDesc describe_empty(const char *name, uint32_t size) {
 // Table rows. Each checks the member's type against the kind it is described as.
 #define TOV_OFFSET_(T, member, Type) ::tov::detail::checked_offset<decltype(T::member), Type>(offsetof(T, member))
 #define TOV_FIELD_VARINT(T, number, member)                                                            \
-    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, 0)
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, 0, #member)
 #define TOV_FIELD_VARINT_DEFAULT(T, number, member, value)                                             \
-    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, value)
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, value, #member)
 #define TOV_FIELD_VARINT64(T, number, member)                                                          \
-    ::tov::detail::field(number, ::tov::detail::Kind::Varint64, TOV_OFFSET_(T, member, uint64_t), 0, nullptr, 0)
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint64, TOV_OFFSET_(T, member, uint64_t), 0, nullptr, 0, #member)
 #define TOV_FIELD_BOOL(T, number, member)                                                              \
-    ::tov::detail::field(number, ::tov::detail::Kind::Bool, TOV_OFFSET_(T, member, uint8_t), 0, nullptr, 0)
+    ::tov::detail::field(number, ::tov::detail::Kind::Bool, TOV_OFFSET_(T, member, uint8_t), 0, nullptr, 0, #member)
 #define TOV_FIELD_STRING(T, number, member)                                                            \
-    ::tov::detail::field(number, ::tov::detail::Kind::String, TOV_OFFSET_(T, member, char *), 0, nullptr, 0)
+    ::tov::detail::field(number, ::tov::detail::Kind::String, TOV_OFFSET_(T, member, char *), 0, nullptr, 0, #member)
 #define TOV_FIELD_MESSAGE(T, number, member, SubT, sub_desc)                                           \
-    ::tov::detail::field(number, ::tov::detail::Kind::Message, TOV_OFFSET_(T, member, SubT), 0, &(sub_desc), 0)
+    ::tov::detail::field(number, ::tov::detail::Kind::Message, TOV_OFFSET_(T, member, SubT), 0, &(sub_desc), 0, #member)
 // sub_desc may be nullptr for a message that repeats itself (a data tree's children).
 #define TOV_FIELD_MESSAGES(T, number, member, count, SubT, sub_desc)                                   \
     ::tov::detail::field(number, ::tov::detail::Kind::Messages, TOV_OFFSET_(T, member, SubT *),        \
-                         TOV_OFFSET_(T, count, uint32_t), sub_desc, 0)
+                         TOV_OFFSET_(T, count, uint32_t), sub_desc, 0, #member)
 #define TOV_FIELD_STRINGS(T, number, member, count)                                                    \
     ::tov::detail::field(number, ::tov::detail::Kind::Strings, TOV_OFFSET_(T, member, char **),        \
-                         TOV_OFFSET_(T, count, uint32_t), nullptr, 0)
-#define TOV_FIELD_FLAG(number, sub_desc) ::tov::detail::field(number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0)
+                         TOV_OFFSET_(T, count, uint32_t), nullptr, 0, #member)
+// A payload flag has no member; its name is given.
+#define TOV_FIELD_FLAG(number, name, sub_desc)                                                         \
+    ::tov::detail::field(number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0, name)
 
 #define TOV_DESCRIBE(name, T, fields) ::tov::detail::describe(name, sizeof(T), offsetof(T, present), fields)

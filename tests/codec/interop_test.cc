@@ -44,6 +44,7 @@ TEST(Schema, EveryTableMatchesTheProtoDescriptors) {
             const pb::FieldDescriptor *pf = pd->FindFieldByNumber(static_cast<int>(f.number));
             ASSERT_NE(pf, nullptr) << f.number;
             EXPECT_EQ(pf->index(), static_cast<int>(i)) << pf->name() << ": presence bit = declaration order";
+            EXPECT_EQ(pf->name(), f.name);
             const bool repeated = f.kind == Kind::Messages || f.kind == Kind::Strings;
             EXPECT_EQ(pf->is_repeated(), repeated) << pf->name();
             switch (f.kind) {
