@@ -1,6 +1,7 @@
 // Debug contexts: set-up and release, the level filter, component lookup and the naming helpers.
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <safe_mem_lib.h>
 #include <safe_str_lib.h>
 
@@ -14,14 +15,11 @@ namespace {
 
 char g_agent_name[TOV_DEBUG_AGENT_NAME_SIZE];
 
-constexpr const char *kComponentNames[] = {"none", "all", "TOV", "ME", "QT", "BK", "MAP", "MORVANTE", "VASKE"};
-static_assert(sizeof kComponentNames / sizeof *kComponentNames == TOV_COMPONENT_END);
-
-constexpr const char *kOperationNames[TOV_DEBUG_OP_COUNT] = {
-    "get-config", "edit-config",  "validate",   "lock",       "unlock",       "commit",
-    "cancel-commit", "discard-changes", "copy-config", "delete-config", "get", "start-session",
-    "stop-session", "logging-set", "schemas-list", "cli-config", "cli-show", "settings-set",
-    "invoke-rpc"};
+#define TOV_NAME_(name, id, text, ...) text,
+constexpr const char *kComponentNames[] = {TOV_COMPONENTS(TOV_NAME_)};
+constexpr const char *kOperationNames[] = {TOV_OPERATIONS(TOV_NAME_)};
+#undef TOV_NAME_
+static_assert(std::size(kComponentNames) == TOV_COMPONENT_END && std::size(kOperationNames) == TOV_DEBUG_OP_COUNT);
 
 uint32_t init_root(DebugContext *ctx, const char *name) {
     if (kor_dt_flag_init(&ctx->root_flag, name, 0, 0, 0) != 0) {
@@ -93,15 +91,9 @@ uint32_t init_child(DebugContext *ctx, const char *name, DebugContext *parent) {
 } // namespace
 
 const TraceTableEntry trace_table[TOV_COMPONENT_END + 1] = {
-    {0, nullptr, 0, 0},
-    {TOV_COMPONENT_ALL, nullptr, 0, 0},
-    {TOV_COMPONENT_TOV, "tov/processor.trace", 0x8000, 0x800000},
-    {TOV_COMPONENT_ME, "tov/me.trace", 0x8000, 0x800000},
-    {TOV_COMPONENT_QT, "tov/qt.trace", 0x8000, 0x800000},
-    {TOV_COMPONENT_BK, "tov/bk.trace", 0x8000, 0x800000},
-    {TOV_COMPONENT_MAP, "tov/map.trace", 0x8000, 0x2000000},
-    {TOV_COMPONENT_MORVANTE, "tov/morvante.trace", 0x4000, 0x400000},
-    {TOV_COMPONENT_VASKE, "tov/vaske.trace", 0x4000, 0x400000},
+#define TOV_RING_(name, id, text, ring, slots, bytes) {TOV_COMPONENT_##name, ring, slots, bytes},
+    TOV_COMPONENTS(TOV_RING_)
+#undef TOV_RING_
     {TOV_COMPONENT_END, nullptr, 0, 0},
 };
 

@@ -7,15 +7,15 @@
 
 namespace tov::detail {
 
-// One row of the static ring table: ring path and the two sizes handed to trace_buffer_open.
+// One row of the static ring table: ring path and the ring's geometry handed to trace_buffer_open.
 struct TraceTableEntry {
     uint32_t component_id;
     const char *trace_path; // nullptr for components without a ring
-    uint32_t first_size;
-    uint32_t second_size;
+    uint32_t slot_count;    // records the ring holds
+    uint32_t total_size;    // bytes of all slots together
 };
 
-// Indexed by component id; the row of TOV_COMPONENT_END and the first two are empty.
+// Indexed by component id, made from TOV_COMPONENTS; the rows of "none", "all" and the end are empty.
 extern const TraceTableEntry trace_table[TOV_COMPONENT_END + 1];
 
 // The row for `component_id`, or the empty end row for ids past the table.

@@ -20,7 +20,7 @@ void ring_name(const DebugContext *dctx, char (&out)[kRingNameSize]) {
 
 uint32_t open_ring(DebugContext *dctx, const char *name) {
     const TraceTableEntry &row = trace_row(dctx->component_id);
-    int rc = trace_buffer_open(name, 0, 0, row.first_size, row.second_size, 0, &dctx->trace_handle);
+    int rc = trace_buffer_open(name, 0, 0, row.slot_count, row.total_size, 0, &dctx->trace_handle);
     if (rc == 0) {
         dctx->trace_open = 1;
         return TOV_RC_OK;
@@ -80,7 +80,7 @@ TOV_API uint32_t tov_debug_logging_set_level(FrameworkContext *ctx, uint32_t com
         DebugContext *component = tov_debug_get_component_ctx(&ctx->debug, ids[i]);
         if (!component) {
             if (all) continue;
-            TOV_ERR_OP(ctx, nullptr, 13u, "Cannot find specified debug component: %s.",
+            TOV_ERR_OP(ctx, nullptr, TOV_OP_LOGGING_SET, "Cannot find specified debug component: %s.",
                        tov_log_component_str(ids[i]));
             return TOV_RC_BAD_ARGUMENT;
         }

@@ -20,6 +20,7 @@
 #include <stdint.h>
 
 #include "tov/export.h"
+#include "tov/operations.h"
 
 TOV_BEGIN_DECLS
 
@@ -59,31 +60,6 @@ enum {
     TOV_EDIT_OP_CREATE = 2,
     TOV_EDIT_OP_DELETE = 3,
     TOV_EDIT_OP_REMOVE = 4,
-};
-
-/* Operation codes carried in Request.operation. They are deliberately not the payload field
- * numbers: cli-config travels in field 48, cli-show in 47, delete-config has no payload field. */
-enum {
-    TOV_OP_GET_CONFIG = 0,
-    TOV_OP_EDIT_CONFIG = 1,
-    TOV_OP_VALIDATE = 2,
-    TOV_OP_LOCK = 3,
-    TOV_OP_UNLOCK = 4,
-    TOV_OP_COMMIT = 5,
-    TOV_OP_CANCEL_COMMIT = 6,
-    TOV_OP_DISCARD_CHANGES = 7,
-    TOV_OP_COPY_CONFIG = 8,
-    TOV_OP_DELETE_CONFIG = 9,
-    TOV_OP_GET = 10,
-    TOV_OP_START_SESSION = 11,
-    TOV_OP_STOP_SESSION = 12,
-    TOV_OP_LOGGING_SET = 13,
-    TOV_OP_SCHEMAS_LIST = 14,
-    TOV_OP_CLI_CONFIG = 15,
-    TOV_OP_CLI_SHOW = 16,
-    TOV_OP_SETTINGS_SET = 17,
-    TOV_OP_INVOKE_RPC = 18,
-    TOV_OP_COUNT = 19
 };
 
 /* Reads one varint at *position (at most `length`), truncated to 32 bits; value_out may be NULL

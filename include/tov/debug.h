@@ -11,6 +11,7 @@
 
 #include "tov/export.h"
 #include "tov/kor_debug_flags.h"
+#include "tov/operations.h"
 #include "tov/trace_buffer.h"
 
 /* Message levels: the level of one log line. */
@@ -29,7 +30,7 @@
 
 /* Number of request operation codes (0 "get-config" to 18 "invoke-rpc"), the size of `op_levels`.
  * The codes themselves are the request's operation numbers. */
-#define TOV_DEBUG_OP_COUNT 19u
+#define TOV_DEBUG_OP_COUNT ((uint32_t)TOV_OP_COUNT)
 /* Most sub-components one context keeps reachable for level control. */
 #define TOV_DEBUG_MAX_CHILDREN 16
 /* Longest flag name tov_debug_init accepts, in bytes. */
@@ -39,18 +40,27 @@
 /* Bytes of a trace-ring line, its terminator included; longer lines are cut. */
 #define TOV_DEBUG_TRACE_LINE_SIZE 1024u
 
+/* The debug components: X(NAME, id, "name", "ring path", ring slots, ring bytes). "none" and "all"
+ * are not components of their own ("none" asks tov_debug_get_component_ctx for the context it
+ * starts from; "all" means every component in level control) and have no ring. A ring's file name
+ * is the agent name, "-" and the ring path. */
+#define TOV_COMPONENTS(X)                                                                          \
+    X(NONE, 0, "none", NULL, 0u, 0u)                                                               \
+    X(ALL, 1, "all", NULL, 0u, 0u)                                                                 \
+    X(TOV, 2, "TOV", "tov/processor.trace", 0x8000u, 0x800000u)                                    \
+    X(ME, 3, "ME", "tov/me.trace", 0x8000u, 0x800000u)                                             \
+    X(QT, 4, "QT", "tov/qt.trace", 0x8000u, 0x800000u)                                             \
+    X(BK, 5, "BK", "tov/bk.trace", 0x8000u, 0x800000u)                                             \
+    X(MAP, 6, "MAP", "tov/map.trace", 0x8000u, 0x2000000u)                                         \
+    X(MORVANTE, 7, "MORVANTE", "tov/morvante.trace", 0x4000u, 0x400000u)                           \
+    X(VASKE, 8, "VASKE", "tov/vaske.trace", 0x4000u, 0x400000u)
+
+#define TOV_COMPONENT_ENUM_(name, id, text, ring, slots, bytes) TOV_COMPONENT_##name = id,
 typedef enum DebugComponent {
-    TOV_COMPONENT_NONE = 0, /* "none": asks tov_debug_get_component_ctx for the context it starts from */
-    TOV_COMPONENT_ALL = 1,  /* "all": every component, in level control */
-    TOV_COMPONENT_TOV = 2,
-    TOV_COMPONENT_ME = 3,
-    TOV_COMPONENT_QT = 4,
-    TOV_COMPONENT_BK = 5,
-    TOV_COMPONENT_MAP = 6,
-    TOV_COMPONENT_MORVANTE = 7,
-    TOV_COMPONENT_VASKE = 8,
-    TOV_COMPONENT_END = 9 /* end of the table; named "unknown" */
+    TOV_COMPONENTS(TOV_COMPONENT_ENUM_)
+    TOV_COMPONENT_END /* end of the table; named "unknown" */
 } DebugComponent;
+#undef TOV_COMPONENT_ENUM_
 
 /* The logging context of one debug component. The owner hands it in zero-filled. */
 typedef struct DebugContext {
