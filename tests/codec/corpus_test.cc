@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "codec_support.hpp"
+#include "support/records.hpp"
 #include "public_codecs.hpp"
 
 namespace tov::test {

@@ -4,7 +4,7 @@
 
 #include <set>
 
-#include "codec_support.hpp"
+#include "support/records.hpp"
 
 namespace tov::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <random>
 
-#include "codec_support.hpp"
+#include "support/records.hpp"
 #include "public_codecs.hpp"
 #include "tov.pb.h"
 

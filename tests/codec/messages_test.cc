@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "codec_support.hpp"
+#include "support/records.hpp"
 #include "public_codecs.hpp"
 
 namespace tov::test {
@@ -13,30 +13,6 @@ namespace {
 using namespace detail;
 
 const Label kLabel("codec test: messages");
-
-// Decodes into a record of the codec's message type, allocating from an arena so that storage
-// the codec drops on purpose (a repeated singular embedded field) is still released.
-class Arena {
-public:
-    ~Arena() {
-        for (void *p : blocks_) std::free(p);
-    }
-    static void *alloc(uint32_t size, uintptr_t ctx) {
-        void *p = std::malloc(size);
-        reinterpret_cast<Arena *>(ctx)->blocks_.push_back(p);
-        return p;
-    }
-    static void release(void *p, uintptr_t ctx) {
-        auto &blocks = reinterpret_cast<Arena *>(ctx)->blocks_;
-        blocks.erase(std::find(blocks.begin(), blocks.end(), p));
-        std::free(p);
-    }
-    uintptr_t ctx() { return reinterpret_cast<uintptr_t>(this); }
-    size_t live() const { return blocks_.size(); }
-
-private:
-    std::vector<void *> blocks_;
-};
 
 template <class T> int32_t decode(const char *message, T &record, const Bytes &in, Arena &arena) {
     return public_codec(message).decode(&record, in.data(), static_cast<uint32_t>(in.size()), Arena::alloc, arena.ctx());

@@ -5,7 +5,7 @@
 
 #include <functional>
 
-#include "codec_support.hpp"
+#include "support/records.hpp"
 
 namespace tov::test {
 namespace {

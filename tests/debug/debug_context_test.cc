@@ -6,7 +6,7 @@
 
 #include "debug/debug_internal.hpp"
 #include "debug/log.hpp"
-#include "debug/test_support.hpp"
+#include "support/rings.hpp"
 #include "tov/kor_alloc.h"
 #include "tov/result.h"
 

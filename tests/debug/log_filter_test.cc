@@ -6,7 +6,7 @@
 #include <string>
 
 #include "debug/log.hpp"
-#include "debug/test_support.hpp"
+#include "support/rings.hpp"
 #include "tov/result.h"
 
 namespace {

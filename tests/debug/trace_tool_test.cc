@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "debug/test_support.hpp"
+#include "support/rings.hpp"
 #include "tov/trace_buffer.h"
 
 namespace {

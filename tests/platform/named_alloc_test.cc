@@ -4,16 +4,12 @@
 #include <thread>
 #include <vector>
 
-#include "core/stop.hpp"
+#include "support/alloc.hpp"
 #include "tov/kor_alloc.h"
 
 namespace {
 
-kor_named_stats stats(const char *label) {
-    kor_named_stats s{};
-    kor_named_get_stats(label, &s);
-    return s;
-}
+using tov::test::stats;
 
 TEST(NamedAlloc, CountsLiveAndPeakPerLabel) {
     const char *label = "test: live and peak";
@@ -74,11 +70,6 @@ TEST(NamedAlloc, AccountingHoldsAcrossThreads) {
     void *left = kor_named_malloc(3, label, 0);
     EXPECT_GE(kor_named_report_live(nullptr), 1u);
     kor_named_free(left);
-}
-
-TEST(StopDeathTest, NullContextStopsTheProcess) {
-    const void *context = nullptr;
-    EXPECT_DEATH(TOV_REQUIRE_CONTEXT(context), "");
 }
 
 } // namespace

@@ -7,7 +7,8 @@
 #include <random>
 #include <string>
 
-#include "debug/test_support.hpp"
+#include "support/alloc.hpp"
+#include "support/rings.hpp"
 #include "request/session_internal.hpp"
 #include "tov/kor_alloc.h"
 #include "tov/result.h"
@@ -19,11 +20,7 @@ using tov::test::ptr;
 const char *const kSessionLabel = "TOV session context (tov_session_create)";
 const char *const kNodeLabel = "WAVL tree node (tov_session_create)";
 
-uint64_t live(const char *label) {
-    kor_named_stats s{};
-    kor_named_get_stats(label, &s);
-    return s.live_blocks;
-}
+uint64_t live(const char *label) { return tov::test::live_blocks(label); }
 
 // The candidates the store draws after srand48(seed) from generator state `state`: lrand48 XOR
 // the next xorshift128 output, as documented.

@@ -1,13 +1,23 @@
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <safe_str_lib.h>
 
-#include "tests/util/util_test.hpp"
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "tov/strings.h"
 
 namespace {
 
-using tov_test::reports;
+// What reaches libsafec's string constraint handler, as "message/code".
+std::vector<std::string> reports;
+void capture_reports() {
+    set_str_constraint_handler_s([](const char *msg, void *, errno_t code) {
+        reports.push_back(std::string(msg) + "/" + std::to_string(code));
+    });
+    reports.clear();
+}
 
 struct Args {
     const char *dest = "abc", *src = "b";
@@ -30,7 +40,7 @@ Check with(Check c, std::string report) { return c.report = std::move(report), c
 // message, the code and the order of the checks. The out pointer is NULL after every failure.
 void expect_in_order(const std::function<int(const Args &, char **)> &routine,
                      const std::vector<Check> &checks) {
-    tov_test::capture_reports();
+    capture_reports();
     for (size_t k = 0; k < checks.size(); ++k) {
         Args args;
         for (size_t j = checks.size(); j-- > k;) checks[j].breaks(args);
@@ -84,7 +94,7 @@ TEST(BoundedSearch, EveryViolationIsReportedInOrder) {
 }
 
 TEST(BoundedSearch, FindsWithoutReporting) {
-    tov_test::capture_reports();
+    capture_reports();
     const char s[] = "a/b/c";
     char *o = nullptr;
     EXPECT_TRUE(strchar_s_tmp(s, 6, '\0', &o) == 0 && o == s + 5); // the terminator

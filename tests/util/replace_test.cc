@@ -4,7 +4,7 @@
 #include <random>
 #include <tuple>
 
-#include "tests/util/util_test.hpp"
+#include "support/alloc.hpp"
 #include "tov/strings.h"
 
 namespace {
@@ -13,7 +13,7 @@ const char *const kLabel = "test: replace";
 
 std::string replace(const std::string &source, const std::vector<str_pair> &pairs) {
     auto n = static_cast<uint32_t>(pairs.size());
-    return tov_test::take(str_replace_multi(source.c_str(), pairs.data(), n, kLabel)).value();
+    return tov::test::take(str_replace_multi(source.c_str(), pairs.data(), n, kLabel)).value();
 }
 
 TEST(ReplaceMulti, CapTiesAndNullPairs) {
@@ -83,7 +83,7 @@ TEST(ReplaceMulti, AgreesWithAPlainModelOnRandomInputs) {
     }
     // The inputs must exercise every rule many times over.
     EXPECT_GT(std::min({c.capped, c.longest_won, c.overlap_dropped}), 500);
-    EXPECT_EQ(tov_test::live_blocks(kLabel), 0u);
+    EXPECT_EQ(tov::test::live_blocks(kLabel), 0u);
 }
 
 } // namespace

@@ -1,14 +1,14 @@
 #include <gtest/gtest.h>
 
-#include "tests/util/util_test.hpp"
+#include "support/alloc.hpp"
 #include "tov/kor_hashmap.h"
 #include "tov/result.h"
 #include "tov/strings.h"
 
 namespace {
 
-using tov_test::allocation_points;
-using tov_test::take;
+using tov::test::allocation_points;
+using tov::test::take;
 const char *const kLabel = "test: strings";
 
 TEST(StringLimit, OneUnderTheLimitIsWholeAndAtTheLimitIsRefused) {

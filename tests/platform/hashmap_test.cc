@@ -5,13 +5,13 @@
 #include <random>
 #include <unordered_map>
 
-#include "tests/util/util_test.hpp"
+#include "support/alloc.hpp"
 #include "tov/kor_hashmap.h"
 #include "tov/strings.h"
 
 namespace {
 
-using tov_test::live_blocks;
+using tov::test::live_blocks;
 using Model = std::unordered_map<std::string, uintptr_t>;
 struct Sweep {
     Model *model;
@@ -84,7 +84,7 @@ TEST(HashMap, RandomOperationsAgreeWithStdUnorderedMap) {
 TEST(HashMap, FailedAllocationsLeaveTheMapUnchanged) {
     std::vector<std::string> keys;
     for (int i = 0; i < 40; ++i) keys.push_back("k" + std::to_string(i));
-    EXPECT_GT(tov_test::allocation_points([&] { // the map, its buckets as they grow, each node
+    EXPECT_GT(tov::test::allocation_points([&] { // the map, its buckets as they grow, each node
                   kor_hashmap *map = nullptr;
                   if (kor_hashmap_create(&map, 0, tov_string_hash_calc, tov_string_hash_cmp) != 0)
                       return false;

@@ -1,5 +1,5 @@
-// Shared helpers of the codec tests: allocators that account by label, byte helpers, and a
-// generator of random data trees with fixed seeds.
+// Record helpers of the codec tests: bytes, encoding through a table, and a generator of random
+// records of any message with fixed seeds.
 #pragma once
 
 #include <cstdint>
@@ -11,36 +11,11 @@
 #include "codec/engine.hpp"
 #include "codec/envelope_tables.hpp"
 #include "tov/codec.h"
-#include "tov/kor_alloc.h"
+#include "support/alloc.hpp"
 
 namespace tov::test {
 
 using Bytes = std::vector<uint8_t>;
-
-// Codec callbacks over the named allocator; the context word is the label.
-inline void *named_alloc(uint32_t size, uintptr_t label) {
-    return kor_named_malloc(size, reinterpret_cast<const char *>(label), 0);
-}
-inline void named_free(void *pointer, uintptr_t) { kor_named_free(pointer); }
-
-class Label {
-public:
-    explicit Label(const char *name) : name_(name) {}
-    uintptr_t ctx() const { return reinterpret_cast<uintptr_t>(name_); }
-    uint64_t live() const {
-        kor_named_stats s{};
-        kor_named_get_stats(name_, &s);
-        return s.live_blocks;
-    }
-    uint64_t total() const {
-        kor_named_stats s{};
-        kor_named_get_stats(name_, &s);
-        return s.total_blocks;
-    }
-
-private:
-    const char *name_;
-};
 
 // A string member of a record filled by hand (never freed through the record).
 inline char *text(const char *s) { return const_cast<char *>(s); }

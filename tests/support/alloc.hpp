@@ -1,0 +1,110 @@
+// Allocation helpers of every test: accounting by label through the named allocator, codec
+// callbacks over it, an arena for storage the codec drops on purpose, and the sweep that fails
+// each allocation of a call in turn.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tov/kor_alloc.h"
+
+namespace tov::test {
+
+inline kor_named_stats stats(const char *label = nullptr) {
+    kor_named_stats s{};
+    kor_named_get_stats(label, &s);
+    return s;
+}
+// Live blocks under one label, or under all labels for nullptr.
+inline uint64_t live_blocks(const char *label = nullptr) { return stats(label).live_blocks; }
+
+// A label whose address is the codec's context word.
+class Label {
+public:
+    explicit Label(const char *name) : name_(name) {}
+    uintptr_t ctx() const { return reinterpret_cast<uintptr_t>(name_); }
+    uint64_t live() const { return stats(name_).live_blocks; }
+    uint64_t total() const { return stats(name_).total_blocks; }
+
+private:
+    const char *name_;
+};
+
+// Codec callbacks over the named allocator; the context word is the label.
+inline void *named_alloc(uint32_t size, uintptr_t label) {
+    return kor_named_malloc(size, reinterpret_cast<const char *>(label), 0);
+}
+inline void named_free(void *pointer, uintptr_t) { kor_named_free(pointer); }
+
+// Codec callbacks over an arena that releases everything it still holds when it goes, so that
+// storage the codec drops on purpose (a repeated singular embedded field) is not reported.
+class Arena {
+public:
+    Arena() = default;
+    Arena(const Arena &) = delete;
+    Arena &operator=(const Arena &) = delete;
+    ~Arena() {
+        for (void *p : blocks_) std::free(p);
+    }
+    static void *alloc(uint32_t size, uintptr_t ctx) {
+        void *p = std::malloc(size ? size : 1);
+        reinterpret_cast<Arena *>(ctx)->blocks_.push_back(p);
+        return p;
+    }
+    static void release(void *p, uintptr_t ctx) {
+        auto &blocks = reinterpret_cast<Arena *>(ctx)->blocks_;
+        blocks.erase(std::find(blocks.begin(), blocks.end(), p));
+        std::free(p);
+    }
+    uintptr_t ctx() { return reinterpret_cast<uintptr_t>(this); }
+    size_t live() const { return blocks_.size(); }
+
+private:
+    std::vector<void *> blocks_;
+};
+
+// The text of a returned string, which is released; nullopt for NULL.
+inline std::optional<std::string> take(char *s) {
+    std::optional<std::string> text = s ? std::optional<std::string>(s) : std::nullopt;
+    kor_named_free(s);
+    return text;
+}
+
+// Fails the allocations of `call` in turn, each once and then each from there on, until the call
+// gets through; after every failed run nothing may be left allocated. `call` returns whether it
+// succeeded. Returns the number of allocations `call` makes.
+inline uint64_t allocation_points(const std::function<bool()> &call) {
+    const uint64_t live = live_blocks();
+    uint64_t points = 0;
+    for (uint32_t persistent : {0u, 1u}) {
+        for (uint64_t k = 1; k < 1000; ++k) {
+            kor_named_fail_config(k, persistent);
+            const bool succeeded = call();
+            const uint64_t failures = kor_named_fail_count();
+            kor_named_fail_config(0, 0);
+            EXPECT_EQ(live_blocks(), live) << "after failing allocation " << k << (persistent ? " on" : " once");
+            if (succeeded && failures == 0) {
+                points = k - 1;
+                break;
+            }
+        }
+    }
+    return points;
+}
+
+// Fails allocation k, once (persistent 0) or from there on, for the life of the object.
+struct FailAllocation {
+    FailAllocation(uint64_t k, uint32_t persistent = 0) { kor_named_fail_config(k, persistent); }
+    ~FailAllocation() { kor_named_fail_config(0, 0); }
+    FailAllocation(const FailAllocation &) = delete;
+    FailAllocation &operator=(const FailAllocation &) = delete;
+};
+
+} // namespace tov::test
