@@ -57,13 +57,15 @@ TEST_F(DebugContexts, RootSetUpLogsOnlyWhereItCanAlreadyLog) {
 // Allocation order of a root's set-up: top flag, "error", ring handle, "debug", "trace".
 TEST_F(DebugContexts, EachFailingPlatformCallClearsItsHandleAndStops) {
     const char *failure_line[] = {nullptr, nullptr, nullptr, nullptr, "Debug log init failed!", "Trace log init failed!"};
-    for (uint64_t fail_at = 1; fail_at <= 5; ++fail_at) {
-        SCOPED_TRACE("allocation " + std::to_string(fail_at));
+    for (uint64_t step = 2; step <= 11; ++step) {
+        const uint64_t fail_at = step / 2;
+        const uint32_t persistent = step % 2; // the failing call alone, then every call from it on
+        SCOPED_TRACE("allocation " + std::to_string(fail_at) + (persistent ? " on" : " once"));
         DebugContext ctx{};
         testing::internal::CaptureStderr();
-        kor_named_fail_nth(fail_at);
+        kor_named_fail_config(fail_at, persistent);
         EXPECT_EQ(tov_debug_init(&ctx, "F", TOV_COMPONENT_TOV, nullptr), TOV_RC_INIT_FAILED);
-        kor_named_fail_nth(0);
+        kor_named_fail_config(0, 0);
         std::string stderr_text = testing::internal::GetCapturedStderr();
         // Handles made before the failure are kept; the failed one and those after it are 0.
         EXPECT_EQ(ctx.root_flag != 0, fail_at > 1);

@@ -181,14 +181,16 @@ TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
 }
 
 TEST_F(Sessions, FailuresAndForeignRecordsLeaveNothingBehind) {
-    for (uint64_t nth : {1, 2}) {
-        kor_named_fail_nth(nth);
-        EXPECT_EQ(tov_session_create(&fw), nullptr);
+    for (uint32_t persistent : {0u, 1u}) {
+        for (uint64_t nth : {1, 2}) {
+            kor_named_fail_config(nth, persistent);
+            EXPECT_EQ(tov_session_create(&fw), nullptr);
+        }
+        kor_named_fail_config(0, 0);
+        EXPECT_EQ(capture.take(), (std::vector<std::string>{line("ERR:", "TOV session context allocation failed"),
+                                                            line("ERR:", "TOV session tree node allocation failed")}));
+        EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
     }
-    kor_named_fail_nth(0);
-    EXPECT_EQ(capture.take(), (std::vector<std::string>{line("ERR:", "TOV session context allocation failed"),
-                                                        line("ERR:", "TOV session tree node allocation failed")}));
-    EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
 
     // A record the store does not hold is freed, but what it owns is left alone.
     fw.debug.level = TOV_LEVEL_DEBUG;
