@@ -25,7 +25,9 @@ struct Node {
     Node &value(const char *v) { return set(t.value, v, TOV_DATATREE_BIT_VALUE); }
     Node &qualifier(const char *q) { return set(t.qualifier, q, TOV_DATATREE_BIT_QUALIFIER); }
     Node &op(uint32_t o) { return t.operation = o, bit(TOV_DATATREE_BIT_OPERATION); }
-    Node &attrs(Attribute *a, uint32_t n) { return t.attributes = a, t.attributes_count = n, bit(TOV_DATATREE_BIT_ATTRIBUTES); }
+    Node &attrs(Attribute *a, uint32_t n) {
+        return t.attributes = a, t.attributes_count = n, bit(TOV_DATATREE_BIT_ATTRIBUTES);
+    }
     Node &kids(DataTree *c, uint32_t n, bool present = true) {
         t.children = c, t.children_count = n;
         return present ? bit(TOV_DATATREE_BIT_CHILDREN) : *this;
@@ -60,7 +62,8 @@ TEST_F(Printers, TreesBecomeIndentedLinesBatchedIntoRecords) {
     const std::string long_name(1100, 'n'), line50(41, 'c'); // 8 + 41 + 1 = 50 bytes a line
     const std::string l50 = std::string(8, ' ') + line50 + "\n";
     DataTree ten[10];
-    for (DataTree &d : ten) d = Node(line50.c_str()).t;
+    for (DataTree &d : ten)
+        d = Node(line50.c_str()).t;
     struct Case {
         const char *what;
         std::vector<DataTree> children;
@@ -71,19 +74,30 @@ TEST_F(Printers, TreesBecomeIndentedLinesBatchedIntoRecords) {
     } cases[] = {
         {"unnamed root prints only the title", {Node("b").t}, [](Node &r) { r.unnamed(); }, "T", {"T:\n"}},
         {"root with qualifier and value, child with value, delete and attribute",
-         {Node("b").value("2").op(3).attrs(&xy, 1).t}, [](Node &r) { r.qualifier("m").value("1"); }, "T",
+         {Node("b").value("2").op(3).attrs(&xy, 1).t},
+         [](Node &r) { r.qualifier("m").value("1"); },
+         "T",
          {"T:\n    a (m) : 1\n        b : 2 (delete) x=y\n"}},
-        {"operation past the table; qualifier without value; no title", {Node("b").op(7).t},
-         [](Node &r) { r.qualifier("m"); }, nullptr, {"    a (m)\n        b (-)\n"}},
+        {"operation past the table; qualifier without value; no title",
+         {Node("b").op(7).t},
+         [](Node &r) { r.qualifier("m"); },
+         nullptr,
+         {"    a (m)\n        b (-)\n"}},
         {"grandchildren twelve spaces in; children without their bit are not walked",
          {Node("b").kids(&grandchild, 1).t, Node("c").kids(&grandchild, 1, false).t},
-         [](Node &r) { tov_bit_clear(r.t.present, TOV_DATATREE_BIT_CHILDREN); }, nullptr,
+         [](Node &r) { tov_bit_clear(r.t.present, TOV_DATATREE_BIT_CHILDREN); },
+         nullptr,
          {"    a\n        b\n            g : 3\n        c\n"}},
-        {"an over-long line is cut, marked and written at once", {Node(long_name.c_str()).value("v").t},
-         [](Node &) {}, nullptr,
+        {"an over-long line is cut, marked and written at once",
+         {Node(long_name.c_str()).value("v").t},
+         [](Node &) {},
+         nullptr,
          {"    a\n" + std::string(8, ' ') + std::string(1009 - 14, 'n') + "[TRUNCATED...]"}},
-        {"50-byte lines go out once 160 bytes wait, the rest at the end", {std::begin(ten), std::end(ten)},
-         [](Node &) {}, nullptr, {"    a\n" + l50 + l50 + l50 + l50, l50 + l50 + l50 + l50, l50 + l50}},
+        {"50-byte lines go out once 160 bytes wait, the rest at the end",
+         {std::begin(ten), std::end(ten)},
+         [](Node &) {},
+         nullptr,
+         {"    a\n" + l50 + l50 + l50 + l50, l50 + l50 + l50 + l50, l50 + l50}},
         {"a closed ring gets nothing", {Node("b").t}, [](Node &) {}, "T", {}, false},
     };
     for (Case &c : cases) {
@@ -107,8 +121,14 @@ TEST_F(Printers, TreesBecomeIndentedLinesBatchedIntoRecords) {
 
 TEST_F(Printers, SchemaListsOneLinePerSchemaAndAlwaysAFinalRecord) {
     Schema s[2] = {};
-    s[0] = {const_cast<char *>("t1"), const_cast<char *>("t2"), const_cast<char *>("t3"), 1,
-            const_cast<char *>("t5"), nullptr, 0, {0x1F}};
+    s[0] = {const_cast<char *>("t1"),
+            const_cast<char *>("t2"),
+            const_cast<char *>("t3"),
+            1,
+            const_cast<char *>("t5"),
+            nullptr,
+            0,
+            {0x1F}};
     s[1].text_1 = const_cast<char *>("absent"); // no presence bits: empty texts, flag 0
     s[1].flag_4 = 1;
     EXPECT_EQ(tov_gpb_schemas_trace_internal(&fw.debug, s, 2, "S"), 0u);
@@ -141,7 +161,8 @@ TEST_F(Printers, AllocatorPairAndDataTreeArrays) {
         ASSERT_NE(nodes, nullptr);
         EXPECT_EQ(live(kArrayLabel), 1u);
         auto *bytes = reinterpret_cast<const uint8_t *>(nodes);
-        EXPECT_EQ(std::count(bytes, bytes + count * sizeof(DataTree), 0), static_cast<long>(count * sizeof(DataTree)));
+        EXPECT_EQ(std::count(bytes, bytes + count * sizeof(DataTree), 0),
+                  static_cast<long>(count * sizeof(DataTree)));
         kor_named_free(nodes);
     }
     kor_named_fail_nth(1);
@@ -165,7 +186,8 @@ TEST_F(Printers, AllocatorPairAndDataTreeArrays) {
 TEST_F(Printers, AMillionLevelsOnA256KiBStack) {
     constexpr uint32_t kDepth = 1000000;
     std::vector<DataTree> chain(kDepth);
-    for (uint32_t i = 0; i < kDepth; ++i) chain[i] = i + 1 < kDepth ? Node("n").kids(&chain[i + 1], 1).t : Node("n").t;
+    for (uint32_t i = 0; i < kDepth; ++i)
+        chain[i] = i + 1 < kDepth ? Node("n").kids(&chain[i + 1], 1).t : Node("n").t;
     uint32_t rc = 1;
     pthread_attr_t attr;
     pthread_attr_init(&attr);
@@ -176,11 +198,15 @@ TEST_F(Printers, AMillionLevelsOnA256KiBStack) {
         uint32_t *rc;
     } args{&fw.debug, chain.data(), &rc};
     pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attr, [](void *p) -> void * {
-        auto *a = static_cast<Args *>(p);
-        *a->rc = tov_gpb_datatree_trace_internal(a->d, a->root, nullptr);
-        return nullptr;
-    }, &args), 0);
+    ASSERT_EQ(pthread_create(
+                  &thread, &attr,
+                  [](void *p) -> void * {
+                      auto *a = static_cast<Args *>(p);
+                      *a->rc = tov_gpb_datatree_trace_internal(a->d, a->root, nullptr);
+                      return nullptr;
+                  },
+                  &args),
+              0);
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attr);
     EXPECT_EQ(rc, 0u);
