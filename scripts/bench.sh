@@ -5,6 +5,6 @@ set -eu
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
 scripts/install-deps.sh
-cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DTOV_BUILD_BENCH=ON -DTOV_BUILD_TESTS=OFF >/dev/null
-cmake --build build/bench -j2 >/dev/null
+cmake --preset bench >/dev/null
+cmake --build build/bench -j2 --target codec_bench >/dev/null
 exec build/bench/bench/codec_bench "$@"

@@ -10,8 +10,7 @@ cd "$top" || exit 1
 build=build/asan
 if [ ! -x "$build/tests/fuzz/fuzz_codec" ]; then
     scripts/install-deps.sh || exit 1
-    cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
-        -DTOV_SANITIZE=ON -DTOV_FUZZ=ON >/dev/null && cmake --build "$build" -j2 >/dev/null || exit 1
+    cmake --preset asan >/dev/null && cmake --build "$build" -j2 >/dev/null || exit 1
 fi
 [ -d "$build/fuzz-corpus/request" ] || (cd "$build" && ctest -R fuzz_corpus >/dev/null)
 

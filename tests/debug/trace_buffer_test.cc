@@ -30,7 +30,7 @@ TEST_F(TraceRings, WrappingKeepsTheNewestCompleteRecords) {
     ASSERT_EQ(trace_buffer_open("wrap", 0, 0, kSlots, kBytes, 0, &ring), 0);
     std::vector<std::string> written;
     for (int i = 0; i < 20; ++i) {
-        written.push_back("r" + std::to_string(i));
+        written.push_back(std::string("r") + std::to_string(i));
         ASSERT_EQ(trace_buffer_write(ring, 0, 0, written.back().c_str()), 0);
     }
     EXPECT_EQ(ring_texts(dir.file("wrap")), std::vector<std::string>(written.end() - kSlots, written.end()));

@@ -1,27 +1,43 @@
 #!/usr/bin/env bash
 # usage: check_install.sh BUILD_DIR SOURCE_DIR C_COMPILER
+# Installs the library into a scratch prefix and builds a user's C program against it, shared and
+# static, through pkg-config and through find_package(tov). The static programs must run without
+# the shared libraries.
 set -eu
 build=$1 src=$2 cc=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-libdir=$(dirname "$(find "$work/prefix" -name tov.pc | head -n 1)")/..
+libdir=$(cd "$(dirname "$(find "$work/prefix" -name tov.pc | head -n 1)")/.." && pwd)
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
 
-# pkg-config
-PKG_CONFIG_PATH="$libdir/pkgconfig" "$cc" -std=c11 -Wall -Werror "$src/consumer.c" -o "$work/by-pkg-config" \
-    $(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs tov)
-LD_LIBRARY_PATH="$libdir" "$work/by-pkg-config"
+uses_shared() { readelf -d "$1" | grep -q 'NEEDED.*libtov'; }
 
-# find_package
-mkdir -p "$work/project"
-cp "$src/consumer.c" "$work/project/"
-cat >"$work/project/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.20)
+# CMake, one project per target: tov::tov (the default kind, shared), tov::tov_static.
+for target in tov tov_static; do
+    p="$work/cmake-$target"
+    mkdir -p "$p"
+    cp "$src/consumer.c" "$p/"
+    cat >"$p/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.21)
 project(consumer C)
-find_package(tov REQUIRED)
+find_package(tov 0.2 REQUIRED)
 add_executable(consumer consumer.c)
-target_link_libraries(consumer PRIVATE tov::tov)
+target_link_libraries(consumer PRIVATE tov::$target)
 CMAKE
-cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
-cmake --build "$work/project/build" >/dev/null
-"$work/project/build/consumer"
+    cmake -S "$p" -B "$p/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
+    cmake --build "$p/build" >/dev/null
+    "$p/build/consumer" >/dev/null
+    if [ $target = tov ]; then uses_shared "$p/build/consumer"; else ! uses_shared "$p/build/consumer"; fi
+done
+
+# pkg-config, shared; then static, with the shared libraries gone as on a static-only system.
+# shellcheck disable=SC2046
+"$cc" -std=c11 -Wall -Werror "$src/consumer.c" -o "$work/shared" $(pkg-config --cflags --libs tov)
+LD_LIBRARY_PATH="$libdir" "$work/shared" >/dev/null
+uses_shared "$work/shared"
+rm "$libdir"/libtov*.so*
+# shellcheck disable=SC2046
+"$cc" -std=c11 -Wall -Werror "$src/consumer.c" -o "$work/static" $(pkg-config --static --cflags --libs tov)
+"$work/static"
+! uses_shared "$work/static"

@@ -2,6 +2,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <tov/codec.h>
+#include <tov/kor_alloc.h>
+#include <tov/strings.h>
+#include <tov/version.h>
 
 int main(void) {
     DataTree node;
@@ -15,6 +18,13 @@ int main(void) {
         fprintf(stderr, "unexpected codec result\n");
         return 1;
     }
+    /* The library's strings come from the platform's named allocator and go back to it. */
+    char *version = tov_strdup(tov_version(), "consumer");
+    if (!version || strcmp(version, TOV_VERSION_STRING) != 0) {
+        fprintf(stderr, "library %s, headers %s\n", version ? version : "?", TOV_VERSION_STRING);
+        return 1;
+    }
+    kor_named_free(version);
     puts("consumer ok");
     return 0;
 }

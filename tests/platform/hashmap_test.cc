@@ -83,7 +83,7 @@ TEST(HashMap, RandomOperationsAgreeWithStdUnorderedMap) {
 
 TEST(HashMap, FailedAllocationsLeaveTheMapUnchanged) {
     std::vector<std::string> keys;
-    for (int i = 0; i < 40; ++i) keys.push_back("k" + std::to_string(i));
+    for (int i = 0; i < 40; ++i) keys.push_back(std::string("k") + std::to_string(i));
     EXPECT_GT(tov::test::allocation_points([&] { // the map, its buckets as they grow, each node
                   kor_hashmap *map = nullptr;
                   if (kor_hashmap_create(&map, 0, tov_string_hash_calc, tov_string_hash_cmp) != 0)

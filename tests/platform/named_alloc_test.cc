@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -11,8 +12,16 @@ namespace {
 
 using tov::test::stats;
 
+// Peaks and totals accumulate per label for the life of the process, so each run of a test counts
+// under a label of its own: repeated runs then see the same figures.
+std::string fresh_label(const char *what) {
+    static int runs = 0;
+    return std::string(what) + " #" + std::to_string(++runs);
+}
+
 TEST(NamedAlloc, CountsLiveAndPeakPerLabel) {
-    const char *label = "test: live and peak";
+    const std::string name = fresh_label("test: live and peak");
+    const char *label = name.c_str();
     void *a = kor_named_malloc(10, label, 0);
     void *b = kor_named_calloc(4, 8, label, 0);
     ASSERT_TRUE(a && b);
@@ -58,7 +67,8 @@ TEST(NamedAlloc, FailsTheNthCallOnlyAndKeepsReallocBlock) {
 }
 
 TEST(NamedAlloc, AccountingHoldsAcrossThreads) {
-    const char *label = "test: threads";
+    const std::string name = fresh_label("test: threads");
+    const char *label = name.c_str();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([label] {

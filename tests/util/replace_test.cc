@@ -19,7 +19,7 @@ std::string replace(const std::string &source, const std::vector<str_pair> &pair
 TEST(ReplaceMulti, CapTiesAndNullPairs) {
     EXPECT_EQ(replace("aaaaaaaaaaaa", {{"a", "b"}}), "bbbbbbbbbbaa"); // first plus nine more
     std::vector<std::string> names; // equal patterns: the earlier pair wins, however many
-    for (int i = 0; i < 60; ++i) names.push_back("r" + std::to_string(i));
+    for (int i = 0; i < 60; ++i) names.push_back(std::string("r") + std::to_string(i));
     std::vector<str_pair> same;
     for (const std::string &n : names) same.push_back({"a", n.c_str()});
     EXPECT_EQ(replace("aaa", same), "r0r0r0");
