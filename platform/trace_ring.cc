@@ -10,6 +10,7 @@
 #include <mutex>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <type_traits>
 #include <unistd.h>
 
@@ -60,12 +61,14 @@ void load_text(const unsigned char *slot_text, char *out, uint32_t length) {
 
 namespace {
 
-// Guarded mappings. The handler only reads the table with atomic loads; registration takes the
-// mutex. An entry is published by its begin address and retired by clearing it.
+// Guarded mappings. Registration takes the mutex and publishes an entry by its begin address.
+// The handler may interrupt anything, even a sanitizer's bookkeeping of an atomic access, so it
+// waits for nothing: it reads the table with volatile loads of aligned words (read whole, as the
+// kernel's READ_ONCE relies on), is not instrumented, and maps with a raw system call.
 struct Guard {
-    std::atomic<uintptr_t> begin{0};
-    std::atomic<size_t> size{0};
-    std::atomic<bool> lost{false};
+    uintptr_t begin = 0;
+    size_t size = 0;
+    uint32_t lost = 0;
 };
 constexpr int kGuards = 4096;
 Guard g_guards[kGuards];
@@ -73,22 +76,28 @@ std::mutex g_guard_mutex;
 struct sigaction g_previous_bus;
 bool g_handler_installed = false;
 
-bool rescue(uintptr_t address) {
+template <class T> T read_once(const T &field) { return *static_cast<const volatile T *>(&field); }
+
+__attribute__((no_sanitize("thread"))) bool rescue(uintptr_t address) {
     for (Guard &g : g_guards) {
-        uintptr_t begin = g.begin.load(std::memory_order_acquire);
-        if (begin == 0 || address < begin || address - begin >= g.size.load(std::memory_order_relaxed)) continue;
+        const uintptr_t begin = read_once(g.begin);
+        const size_t size = read_once(g.size);
+        if (begin == 0 || address < begin || address - begin >= size) continue;
         // Private zero pages in place of the file's: the faulting access repeats on them, and
         // whatever is written there is dropped with the mapping.
-        void *p = mmap(reinterpret_cast<void *>(begin), g.size.load(std::memory_order_relaxed),
-                       PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
-        if (p == MAP_FAILED) return false;
-        g.lost.store(true, std::memory_order_release);
+#ifdef SYS_mmap2
+        const long p = syscall(SYS_mmap2, begin, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+#else
+        const long p = syscall(SYS_mmap, begin, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+#endif
+        if (p != static_cast<long>(begin)) return false;
+        *static_cast<volatile uint32_t *>(&g.lost) = 1;
         return true;
     }
     return false;
 }
 
-void on_sigbus(int sig, siginfo_t *info, void *context) {
+__attribute__((no_sanitize("thread"))) void on_sigbus(int sig, siginfo_t *info, void *context) {
     const int saved_errno = errno;
     const bool rescued = info && info->si_code == BUS_ADRERR && rescue(reinterpret_cast<uintptr_t>(info->si_addr));
     errno = saved_errno;
@@ -119,10 +128,11 @@ int guard_mapping(void *base, size_t size) {
         g_handler_installed = true;
     }
     for (int i = 0; i < kGuards; ++i) {
-        if (g_guards[i].begin.load(std::memory_order_relaxed) != 0) continue;
-        g_guards[i].size.store(size, std::memory_order_relaxed);
-        g_guards[i].lost.store(false, std::memory_order_relaxed);
-        g_guards[i].begin.store(reinterpret_cast<uintptr_t>(base), std::memory_order_release);
+        Guard &g = g_guards[i];
+        if (g.begin != 0) continue;
+        store_relaxed(g.size, size);
+        store_relaxed(g.lost, uint32_t{0});
+        std::atomic_ref<uintptr_t>(g.begin).store(reinterpret_cast<uintptr_t>(base), std::memory_order_release);
         return i;
     }
     return -1;
@@ -131,11 +141,11 @@ int guard_mapping(void *base, size_t size) {
 void unguard_mapping(int id) {
     if (id < 0 || id >= kGuards) return;
     std::lock_guard lock(g_guard_mutex);
-    g_guards[id].begin.store(0, std::memory_order_release);
+    std::atomic_ref<uintptr_t>(g_guards[id].begin).store(0, std::memory_order_release);
 }
 
 bool mapping_lost(int id) {
-    return id >= 0 && id < kGuards && g_guards[id].lost.load(std::memory_order_acquire);
+    return id >= 0 && id < kGuards && std::atomic_ref<uint32_t>(g_guards[id].lost).load(std::memory_order_acquire);
 }
 
 namespace {
