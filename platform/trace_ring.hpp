@@ -9,12 +9,18 @@
 // keep it only when the stamp was complete and unchanged; a checksum over the record catches the
 // rare writer that was lapped mid-copy by one a whole ring ahead. All fields have fixed sizes and
 // offsets, so i386 and x86-64 processes read each other's rings.
+//
+// Everything two parties may touch at once (stamps, slot headers, text) is read and written with
+// relaxed atomic word operations, so a writer overtaken by another costs a record, never a data
+// race. Mappings are guarded: a ring file cut short under a process (another process truncating
+// it) marks the ring lost instead of killing the process with SIGBUS.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tov::detail::ring {
@@ -59,6 +65,41 @@ static_assert(std::atomic_ref<uint64_t>::is_always_lock_free,
 constexpr uint64_t stamp_done(uint64_t seq) { return (seq + 1) << 1; }
 constexpr uint64_t stamp_busy(uint64_t seq) { return ((seq + 1) << 1) | 1; }
 
+// Copies between a slot's text area and private memory in relaxed atomic words. `slot_text` is
+// 8-byte aligned and its area extends to a multiple of 8 bytes past `length` (slot payloads are
+// multiples of 8); the tail of the last word is zero-filled on store.
+void store_text(unsigned char *slot_text, const char *text, uint32_t length);
+void load_text(const unsigned char *slot_text, char *out, uint32_t length);
+
+template <class T> T load_relaxed(const T &field) {
+    return std::atomic_ref<T>(const_cast<T &>(field)).load(std::memory_order_relaxed);
+}
+template <class T> void store_relaxed(T &field, T value) {
+    std::atomic_ref<T>(field).store(value, std::memory_order_relaxed);
+}
+
+// Registers a shared mapping of a ring file so that a SIGBUS inside it (its file was truncated)
+// replaces the mapping with private zero pages and marks it lost, instead of ending the process.
+// The handler is installed with the first registration and passes every other SIGBUS on to the
+// handler that was in place. Returns a guard id, or -1 when the guard table is full.
+int guard_mapping(void *base, size_t size);
+// Forgets a mapping; call before unmapping it. Negative ids are ignored.
+void unguard_mapping(int id);
+// Whether a SIGBUS has replaced the mapping since it was registered.
+bool mapping_lost(int id);
+
+// Checks an open directory for holding rings: a directory owned by this user that nobody else can
+// write to. Returns 0, ENOTDIR or EPERM.
+int check_private_dir(int fd);
+// Checks an open ring file: a regular file owned by this user that nobody else can write to.
+// Returns 0 or EPERM.
+int check_ring_file(int fd);
+
+// Appends `text` to `out` with bytes that could steer a terminal shown as \xNN: C0 controls
+// except newline and tab, DEL, and every byte that is not part of valid UTF-8 or encodes a C1
+// control.
+void escape_text(std::string_view text, std::string *out);
+
 // Checksum of a record: its text, length, flags and type. Cheap enough per record, and unlike a
 // plain sum it notices bytes of two different writers mixed in one slot.
 uint32_t record_checksum(const char *text, uint32_t length, uint32_t flags, uint32_t type);
@@ -85,12 +126,17 @@ class RingReader {
     ~RingReader();
 
     // Maps the ring file at `path`. Returns 0, an errno value, or EPROTO for a file that is not a
-    // ring.
+    // ring (checked without blocking, so a FIFO or device is refused too).
     int open(const std::string &path);
     void close();
     bool is_open() const { return base_ != nullptr; }
 
-    const FileHeader &header() const { return *reinterpret_cast<const FileHeader *>(base_); }
+    // Geometry as checked at open; later changes to the file's header are ignored.
+    uint32_t slot_count() const { return slot_count_; }
+    uint32_t slot_size() const { return slot_size_; }
+    uint32_t writer_pid() const;
+    // The file was cut short since it was opened; what was mapped reads as empty.
+    bool lost() const { return mapping_lost(guard_); }
     uint64_t next_seq() const;
     // The oldest sequence number still possibly held.
     uint64_t oldest_seq() const;
@@ -112,14 +158,20 @@ class RingReader {
 
     unsigned char *base_ = nullptr;
     size_t size_ = 0;
+    uint32_t slot_count_ = 0, slot_size_ = 0;
+    int guard_ = -1;
     uint64_t device_ = 0, inode_ = 0;
 };
 
-// The runtime directory rings live in, made if missing. Returns 0 or an errno value.
-int runtime_dir(std::string *out);
+// The runtime directory rings live in, made if missing and checked like check_private_dir (a
+// symlink in its place is refused with ELOOP). Returns 0 or an errno value; with `fd`, an open
+// descriptor of the checked directory is handed back.
+int runtime_dir(std::string *out, int *fd = nullptr);
 
-// Joins the runtime directory and a ring name, refusing names that could leave the directory
-// (absolute, "..", empty parts). Returns 0 or EINVAL.
-int ring_path(const std::string &dir, const char *name, std::string *out);
+// Opens the folder of a ring below the runtime directory `dir_fd`, walking (and with `create`
+// making) the folders its name holds, each checked like the runtime directory. Names that could
+// leave the directory (absolute, ".", "..", empty parts) are EINVAL. `*leaf` points at the file
+// name within `name`. Returns 0 or an errno value; `*out` is then an open descriptor.
+int open_ring_folder(int dir_fd, const char *name, bool create, int *out, const char **leaf);
 
 } // namespace tov::detail::ring

@@ -25,8 +25,8 @@ const char kUsage[] =
     "\n"
     "Usage:\n"
     "  tov-trace [--dir DIR] list\n"
-    "  tov-trace [--dir DIR] show [-n COUNT] [--no-time] RING\n"
-    "  tov-trace [--dir DIR] follow [-n COUNT] [--no-time] RING\n"
+    "  tov-trace [--dir DIR] show [-n COUNT] [--no-time] [--raw] RING\n"
+    "  tov-trace [--dir DIR] follow [-n COUNT] [--no-time] [--raw] RING\n"
     "\n"
     "Commands:\n"
     "  list     Every ring under the runtime directory, with the records it holds, its\n"
@@ -42,6 +42,8 @@ const char kUsage[] =
     "  --dir DIR    Look for rings in DIR instead of the runtime directory.\n"
     "  -n COUNT     Start with the newest COUNT records only.\n"
     "  --no-time    Print the records alone, without time stamp and thread id.\n"
+    "  --raw        Print records byte for byte. Without it, bytes that could steer a\n"
+    "               terminal (control characters, invalid UTF-8) are shown as \\xNN.\n"
     "  -h, --help   Show this help.\n"
     "\n"
     "The runtime directory is $TOV_TRACE_DIR when set, else $XDG_RUNTIME_DIR/tov-trace,\n"
@@ -55,6 +57,7 @@ struct Options {
     std::string ring;
     long count = -1;
     bool times = true;
+    bool raw = false;
 };
 
 volatile std::sig_atomic_t g_stop = 0;
@@ -69,10 +72,18 @@ std::string format_time(uint64_t ns, bool with_fraction) {
     return text;
 }
 
-void print_record(const Record &r, bool times) {
-    if (times) std::printf("%s [%u] ", format_time(r.time_ns, true).c_str(), r.tid);
-    std::fwrite(r.text.data(), 1, r.text.size(), stdout);
-    if (r.text.empty() || r.text.back() != '\n') std::fputc('\n', stdout);
+// Log lines carry what clients sent: shown escaped unless raw output was asked for.
+std::string printable(const std::string &text) {
+    std::string out;
+    tov::detail::ring::escape_text(text, &out);
+    return out;
+}
+
+void print_record(const Record &r, const Options &o) {
+    if (o.times) std::printf("%s [%u] ", format_time(r.time_ns, true).c_str(), r.tid);
+    const std::string text = o.raw ? r.text : printable(r.text);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    if (text.empty() || text.back() != '\n') std::fputc('\n', stdout);
 }
 
 int resolve_dir(Options &o) {
@@ -122,7 +133,7 @@ int list(const Options &o) {
     }
     std::sort(names.begin(), names.end());
     int width = 4;
-    for (const std::string &name : names) width = std::max(width, static_cast<int>(name.size()));
+    for (const std::string &name : names) width = std::max(width, static_cast<int>(printable(name).size()));
     std::printf("Rings in %s:\n", o.dir.c_str());
     std::printf("%-*s %9s %16s  %-19s  %s\n", width, "RING", "RECORDS", "SIZE", "LAST WRITE", "WRITER");
     int shown = 0;
@@ -130,12 +141,12 @@ int list(const Options &o) {
         RingReader reader;
         if (reader.open(o.dir + "/" + name) != 0) continue; // not a ring (or a ring being made)
         auto records = reader.read_all();
-        const auto &h = reader.header();
         char size[32];
-        std::snprintf(size, sizeof size, "%u x %u B", h.slot_count, h.slot_size);
+        std::snprintf(size, sizeof size, "%u x %u B", reader.slot_count(), reader.slot_size());
         std::string last = records.empty() ? "-" : format_time(records.back().time_ns, false);
-        std::printf("%-*s %9zu %16s  %-19s  pid %u (%s)\n", width, name.c_str(), records.size(), size,
-                    last.c_str(), h.writer_pid, writer_running(h.writer_pid) ? "running" : "gone");
+        const uint32_t pid = reader.writer_pid();
+        std::printf("%-*s %9zu %16s  %-19s  pid %u (%s)\n", width, printable(name).c_str(), records.size(), size,
+                    last.c_str(), pid, writer_running(pid) ? "running" : "gone");
         ++shown;
     }
     if (shown == 0) std::printf("(none)\n");
@@ -147,7 +158,7 @@ int show(const Options &o) {
     if (open_ring(ring_file(o), &reader) != 0) return 1;
     auto records = reader.read_all();
     size_t from = o.count >= 0 && static_cast<size_t>(o.count) < records.size() ? records.size() - o.count : 0;
-    for (size_t i = from; i < records.size(); ++i) print_record(records[i], o.times);
+    for (size_t i = from; i < records.size(); ++i) print_record(records[i], o);
     return 0;
 }
 
@@ -161,11 +172,12 @@ int follow(const Options &o) {
     if (o.count >= 0) {
         auto records = reader.read_all();
         size_t from = static_cast<size_t>(o.count) < records.size() ? records.size() - o.count : 0;
-        for (size_t i = from; i < records.size(); ++i) print_record(records[i], o.times);
+        for (size_t i = from; i < records.size(); ++i) print_record(records[i], o);
         cursor = reader.next_seq();
     }
     int busy_polls = 0;
     while (!g_stop) {
+        if (reader.lost()) reader.close(); // cut short under us: start again on what is there now
         if (!reader.is_open()) {
             // The ring was deleted; wait for its successor.
             if (reader.open(file) != 0) {
@@ -182,7 +194,7 @@ int follow(const Options &o) {
         Record r;
         auto step = reader.read(&cursor, &r);
         if (step == RingReader::Step::Record) {
-            print_record(r, o.times);
+            print_record(r, o);
             busy_polls = 0;
             continue;
         }
@@ -234,6 +246,8 @@ int main(int argc, char **argv) {
             }
         } else if (arg == "--no-time") {
             o.times = false;
+        } else if (arg == "--raw") {
+            o.raw = true;
         } else if (!arg.empty() && arg[0] == '-') {
             return usage_error("unknown option ", arg.c_str());
         } else if (o.command.empty()) {

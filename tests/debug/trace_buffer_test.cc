@@ -1,7 +1,9 @@
-// The trace-buffer service: wrapping, limits, reopening, the runtime directory, a writer killed
-// mid-stream, and concurrent writers.
+// The trace-buffer service: wrapping, limits, reopening, hostile directories and files, a full
+// file system, a truncated file, racing creators, a writer killed mid-stream, and concurrent
+// writers overtaking each other.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <string>
 #include <sys/stat.h>
@@ -10,11 +12,14 @@
 #include <unistd.h>
 
 #include "support/rings.hpp"
+#include "tov/debug.h"
+#include "tov/result.h"
 #include "tov/trace_buffer.h"
 
 namespace {
 
 using tov::detail::ring::RingReader;
+using tov::test::in_child;
 using tov::test::ring_texts;
 
 class TraceRings : public ::testing::Test {
@@ -88,21 +93,177 @@ TEST_F(TraceRings, ReopeningKeepsRecordsUnlessTheGeometryChanged) {
     ASSERT_EQ(trace_buffer_close(ring), 0);
 }
 
-TEST_F(TraceRings, RuntimeDirectoryDefaultsToAPrivatePerUserFolder) {
-    unsetenv("TOV_TRACE_DIR");
+TEST_F(TraceRings, DirectoriesAndRingFilesOthersCouldTouchAreRefused) {
+    const bool root = geteuid() == 0;
     const char *saved = std::getenv("XDG_RUNTIME_DIR");
-    std::string saved_xdg = saved ? saved : "";
-    setenv("XDG_RUNTIME_DIR", dir.path().c_str(), 1);
-    char path[512];
-    ASSERT_EQ(trace_buffer_runtime_dir(path, sizeof path), 0);
-    EXPECT_EQ(std::string(path), dir.path() + "/tov-trace");
-    struct stat st;
-    EXPECT_TRUE(stat(path, &st) == 0 && (st.st_mode & 0777) == 0700);
-    // Somebody else's folder in its place is refused.
-    if (geteuid() == 0 && chown(path, 65534, 65534) == 0) {
-        EXPECT_EQ(trace_buffer_runtime_dir(path, sizeof path), EPERM);
+    const std::string saved_xdg = saved ? saved : "";
+    auto touch = [](const std::string &path, mode_t mode) {
+        int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0600);
+        EXPECT_TRUE(fd >= 0 && fchmod(fd, mode) == 0) << path;
+        close(fd);
+    };
+    // Each row prepares a fresh directory and names the ring to open there.
+    const struct {
+        const char *what;
+        bool needs_root;
+        int expected;
+        std::function<std::string(const std::string &)> prepare;
+    } rows[] = {
+        {"the default folder, private", false, 0,
+         [](const std::string &d) { unsetenv("TOV_TRACE_DIR"), setenv("XDG_RUNTIME_DIR", d.c_str(), 1); return "r"; }},
+        {"the default folder, world-writable", false, EPERM,
+         [](const std::string &d) {
+             unsetenv("TOV_TRACE_DIR"), setenv("XDG_RUNTIME_DIR", d.c_str(), 1);
+             mkdir((d + "/tov-trace").c_str(), 0700), chmod((d + "/tov-trace").c_str(), 0777);
+             return "r";
+         }},
+        {"$TOV_TRACE_DIR group-writable", false, EPERM, [](const std::string &d) { chmod(d.c_str(), 0770); return "r"; }},
+        {"$TOV_TRACE_DIR a symlink", false, ELOOP,
+         [](const std::string &d) {
+             mkdir((d + "/real").c_str(), 0700);
+             EXPECT_EQ(symlink("real", (d + "/link").c_str()), 0);
+             setenv("TOV_TRACE_DIR", (d + "/link").c_str(), 1);
+             return "r";
+         }},
+        {"a ring folder group-writable", false, EPERM,
+         [](const std::string &d) { mkdir((d + "/sub").c_str(), 0700), chmod((d + "/sub").c_str(), 0770); return "sub/r"; }},
+        {"a ring file writable by others", false, EPERM, [&](const std::string &d) { touch(d + "/r", 0666); return "r"; }},
+        {"a ring file a symlink", false, ELOOP,
+         [&](const std::string &d) {
+             touch(d + "/target", 0600);
+             EXPECT_EQ(symlink("target", (d + "/r").c_str()), 0);
+             return "r";
+         }},
+        {"$TOV_TRACE_DIR another user's", true, EPERM, [](const std::string &d) {
+             EXPECT_EQ(chown(d.c_str(), 65534, 65534), 0);
+             return "r";
+         }},
+        {"a ring file another user's", true, EPERM,
+         [&](const std::string &d) {
+             touch(d + "/r", 0600);
+             EXPECT_EQ(chown((d + "/r").c_str(), 65534, 65534), 0);
+             return "r";
+         }},
+    };
+    for (const auto &row : rows) {
+        if (row.needs_root && !root) continue;
+        tov::test::RingDir fresh;
+        const std::string name = row.prepare(fresh.path());
+        trace_buffer_t ring = 0;
+        EXPECT_EQ(trace_buffer_open(name.c_str(), 0, 0, kSlots, kBytes, 0, &ring), row.expected) << row.what;
+        if (ring) trace_buffer_close(ring);
+        saved ? setenv("XDG_RUNTIME_DIR", saved_xdg.c_str(), 1) : unsetenv("XDG_RUNTIME_DIR");
     }
-    saved ? setenv("XDG_RUNTIME_DIR", saved_xdg.c_str(), 1) : unsetenv("XDG_RUNTIME_DIR");
+    if (!root) GTEST_SKIP() << "skipped: another user's folder and file need root to be made";
+}
+
+// The child's answer: the codes it got, then what the service wrote to standard error.
+std::string open_rings_on_a_small_file_system(const std::string &dir) {
+    if (std::string why = tov::test::private_tmpfs(dir, "1m"); !why.empty()) return "skipped: " + why;
+    // Half of it is reserved by the first ring, so the second does not fit; writing the whole of
+    // the first must then not fault.
+    trace_buffer_t first = 0, second = 0;
+    std::string answer = std::to_string(trace_buffer_open("first", 0, 0, 64, 64 * 8192, 0, &first));
+    answer += " " + std::to_string(trace_buffer_open("second", 0, 0, 64, 64 * 8192, 0, &second));
+    const std::string record(8000, 'x');
+    for (int i = 0; i < 80; ++i) {
+        if (int e = trace_buffer_write(first, 0, 0, record.c_str())) return answer + " write " + std::to_string(e);
+    }
+    int err[2];
+    if (pipe(err) != 0) return "pipe failed";
+    dup2(err[1], 2);
+    close(err[1]);
+    tov_debug_save_agent_name("full");
+    DebugContext ctx{};
+    ctx.component_id = TOV_COMPONENT_TOV;
+    char code[16];
+    std::snprintf(code, sizeof code, " %#x ", tov_init_trace_buffer(&ctx));
+    close(2);
+    char line[256] = {};
+    ssize_t n = read(err[0], line, sizeof line - 1);
+    return answer + code + std::string(line, n > 0 ? static_cast<size_t>(n) : 0);
+}
+
+TEST_F(TraceRings, ARingHasItsSpaceOrFailsToOpenOnAFullFileSystem) {
+    auto [status, answer] = in_child([&] { return open_rings_on_a_small_file_system(dir.path()); });
+    if (answer.rfind("skipped", 0) == 0) GTEST_SKIP() << answer;
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(answer, "0 28 0xaaf2a200 Init trace buffer (full-tov/processor.trace) failed! (No space left on device)\n");
+}
+
+TEST_F(TraceRings, ATruncatedRingStopsTakingRecordsButNobodyCrashes) {
+    auto [status, answer] = in_child([&] {
+        std::string codes;
+        auto note = [&codes](auto value) { codes += std::to_string(value) + " "; };
+        trace_buffer_t ring = 0;
+        RingReader reader;
+        note(trace_buffer_open("cut", 0, 0, kSlots, kBytes, 0, &ring));
+        note(trace_buffer_write(ring, 0, 0, "before"));
+        note(reader.open(dir.file("cut")));
+        if (truncate(dir.file("cut").c_str(), 0) != 0) return std::string("truncate failed");
+        note(trace_buffer_write(ring, 0, 0, "lost"));
+        note(trace_buffer_write(ring, 0, 0, "lost too"));
+        note(reader.read_all().size());
+        note(reader.lost());
+        // Opening it again replaces the cut file.
+        trace_buffer_close(ring);
+        note(trace_buffer_open("cut", 0, 0, kSlots, kBytes, 0, &ring));
+        note(trace_buffer_write(ring, 0, 0, "again"));
+        return codes + ring_texts(dir.file("cut")).at(0);
+    });
+    EXPECT_TRUE(WIFEXITED(status)) << "child ended by signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+    EXPECT_EQ(answer, "0 0 0 5 5 0 1 0 0 again");
+}
+
+TEST_F(TraceRings, ProcessesCreatingOneRingAtOnceAllWriteToTheSameFile) {
+    constexpr int kWriters = 4, kRecords = 50, kRounds = 5;
+    for (int round = 0; round < kRounds; ++round) {
+        const std::string name = "race-" + std::to_string(round);
+        int gate[2];
+        ASSERT_EQ(pipe(gate), 0);
+        std::vector<pid_t> children;
+        for (int w = 0; w < kWriters; ++w) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                close(gate[1]);
+                char c;
+                if (read(gate[0], &c, 1) != 0) _exit(3); // all start when the gate closes
+                trace_buffer_t ring = 0;
+                if (trace_buffer_open(name.c_str(), 0, 0, 256, 256 * 64, 0, &ring) != 0) _exit(1);
+                for (int i = 0; i < kRecords; ++i) {
+                    if (trace_buffer_write(ring, 0, 0, (std::to_string(w) + ":" + std::to_string(i)).c_str()) != 0) _exit(2);
+                }
+                _exit(0);
+            }
+            children.push_back(pid);
+        }
+        close(gate[0]);
+        close(gate[1]);
+        for (pid_t pid : children) {
+            int status = 0;
+            ASSERT_EQ(waitpid(pid, &status, 0), pid);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        }
+        EXPECT_EQ(ring_texts(dir.file(name)).size(), size_t{kWriters * kRecords}) << name;
+    }
+}
+
+TEST_F(TraceRings, AReaderKeepsToTheGeometryItOpenedWith) {
+    trace_buffer_t ring = 0;
+    ASSERT_EQ(trace_buffer_open("geometry", 0, 0, kSlots, kBytes, 0, &ring), 0);
+    for (const char *text : {"a", "b", "c"}) ASSERT_EQ(trace_buffer_write(ring, 0, 0, text), 0);
+    RingReader reader;
+    ASSERT_EQ(reader.open(dir.file("geometry")), 0);
+    // Header size, slot count and slot size rewritten to point far past the file.
+    const uint32_t hostile[3] = {0x40000000u, 0x100000u, 65536u};
+    int fd = open(dir.file("geometry").c_str(), O_WRONLY);
+    ASSERT_EQ(pwrite(fd, hostile, sizeof hostile, 12), static_cast<ssize_t>(sizeof hostile));
+    close(fd);
+    std::vector<std::string> texts;
+    for (auto &r : reader.read_all()) texts.push_back(r.text);
+    EXPECT_EQ(texts, (std::vector<std::string>{"a", "b", "c"}));
+    EXPECT_EQ(reader.slot_count(), kSlots);
+    EXPECT_EQ(trace_buffer_close(ring), 0);
 }
 
 // Records the child writes: "<n> " and then filler up to a length that varies with n, so that
@@ -141,7 +302,7 @@ TEST_F(TraceRings, AnotherProcessReadsTheRingOfAWriterKilledMidStream) {
 
     RingReader reader;
     ASSERT_EQ(reader.open(dir.file("crash")), 0);
-    EXPECT_EQ(reader.header().writer_pid, static_cast<uint32_t>(child));
+    EXPECT_EQ(reader.writer_pid(), static_cast<uint32_t>(child));
     auto records = reader.read_all();
     // 64 slots hold at least 21 records of up to three slots; the one cut by the kill is dropped.
     ASSERT_GE(records.size(), 20u);
@@ -157,34 +318,57 @@ TEST_F(TraceRings, AnotherProcessReadsTheRingOfAWriterKilledMidStream) {
     }
 }
 
-TEST_F(TraceRings, ConcurrentWritersLoseNoRecordThatFits) {
-    constexpr int kThreads = 4, kPerThread = 4000;
-    trace_buffer_t ring = 0;
-    // Room for every record even if each took three slots.
-    ASSERT_EQ(trace_buffer_open("threads", 0, 0, 3 * kThreads * kPerThread, 3 * kThreads * kPerThread * 64, 0, &ring), 0);
-    std::vector<std::thread> writers;
-    for (int t = 0; t < kThreads; ++t) {
-        writers.emplace_back([ring, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                std::string text = std::to_string(t) + ":" + std::to_string(i) + ":";
-                text.append(static_cast<size_t>(i % 50), static_cast<char>('A' + t));
-                ASSERT_EQ(trace_buffer_write(ring, 0, 0, text.c_str()), 0);
+// Thread t writes "t:i:" and i % 50 letters of its own, so a mixed-up record shows.
+std::string thread_record(int t, int i) {
+    std::string text = std::to_string(t) + ":" + std::to_string(i) + ":";
+    return text.append(static_cast<size_t>(i % 50), static_cast<char>('A' + t));
+}
+
+// With room for everything nothing is lost and each thread's records keep their order; in a ring
+// a few slots long, writers overtake each other and a reader reads along: records may be lost to
+// an overtaking writer, but what is read is whole (and a ThreadSanitizer build sees no race).
+TEST_F(TraceRings, ConcurrentWritersLoseNoRecordThatFitsAndMixNone) {
+    constexpr int kThreads = 4, kPerThread = 2000;
+    for (uint32_t slots : {3u * kThreads * kPerThread, 4u}) {
+        trace_buffer_t ring = 0;
+        const std::string name = "threads-" + std::to_string(slots);
+        ASSERT_EQ(trace_buffer_open(name.c_str(), 0, 0, slots, slots * 64, 0, &ring), 0);
+        std::atomic<bool> done{false};
+        std::vector<std::string> seen;
+        std::thread reader_thread([&] {
+            tov::test::RingTail tail(dir.file(name));
+            while (!done.load()) {
+                for (auto &text : tail.take()) seen.push_back(std::move(text));
             }
         });
+        std::vector<std::thread> writers;
+        for (int t = 0; t < kThreads; ++t) {
+            writers.emplace_back([ring, t] {
+                for (int i = 0; i < kPerThread; ++i) ASSERT_EQ(trace_buffer_write(ring, 0, 0, thread_record(t, i).c_str()), 0);
+            });
+        }
+        for (auto &w : writers) w.join();
+        done = true;
+        reader_thread.join();
+        auto texts = ring_texts(dir.file(name));
+        if (slots > 4) {
+            ASSERT_EQ(texts.size(), static_cast<size_t>(kThreads * kPerThread));
+        }
+        texts.insert(texts.end(), seen.begin(), seen.end());
+        int next[kThreads] = {};
+        for (size_t k = 0; k < texts.size(); ++k) {
+            const std::string &text = texts[k];
+            int t = 0, i = 0;
+            ASSERT_EQ(std::sscanf(text.c_str(), "%d:%d:", &t, &i), 2) << text;
+            ASSERT_TRUE(t >= 0 && t < kThreads && i >= 0 && i < kPerThread);
+            EXPECT_EQ(text, thread_record(t, i));
+            if (slots > 4 && k < size_t{kThreads * kPerThread}) {
+                EXPECT_EQ(i, next[t]) << "thread " << t; // each thread's records in its own order
+                next[t] = i + 1;
+            }
+        }
+        EXPECT_EQ(trace_buffer_close(ring), 0);
     }
-    for (auto &w : writers) w.join();
-    auto texts = ring_texts(dir.file("threads"));
-    ASSERT_EQ(texts.size(), static_cast<size_t>(kThreads * kPerThread));
-    int next[kThreads] = {};
-    for (const std::string &text : texts) {
-        int t = 0, i = 0;
-        ASSERT_EQ(std::sscanf(text.c_str(), "%d:%d:", &t, &i), 2) << text;
-        ASSERT_TRUE(t >= 0 && t < kThreads);
-        EXPECT_EQ(i, next[t]) << "thread " << t; // each thread's records in its own order
-        next[t] = i + 1;
-        EXPECT_EQ(text.size() - text.find(':', text.find(':') + 1) - 1, static_cast<size_t>(i % 50));
-    }
-    EXPECT_EQ(trace_buffer_close(ring), 0);
 }
 
 } // namespace

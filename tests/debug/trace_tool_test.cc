@@ -3,9 +3,11 @@
 
 #include <csignal>
 #include <cstdio>
+#include <poll.h>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,12 +45,18 @@ std::string read_line(FILE *f) {
     return std::fgets(line, sizeof line, f) ? std::string(line) : std::string("<eof>");
 }
 
-// Runs the tool to its end; returns its exit status and output.
+// Runs the tool to its end, or for 20 seconds at most; returns its exit status (-1 when it did
+// not end by itself) and output.
 std::pair<int, std::string> run_tool(const std::vector<std::string> &args) {
     FILE *out = nullptr;
     pid_t pid = start_tool(args, &out);
     std::string text;
-    for (std::string line; (line = read_line(out)) != "<eof>";) text += line;
+    pollfd p{fileno(out), POLLIN, 0};
+    char chunk[4096];
+    for (ssize_t n = 1; n > 0 && poll(&p, 1, 20000) == 1;) {
+        if ((n = read(p.fd, chunk, sizeof chunk)) > 0) text.append(chunk, static_cast<size_t>(n));
+    }
+    kill(pid, SIGKILL); // gone already, unless it hung
     std::fclose(out);
     int status = 0;
     waitpid(pid, &status, 0);
@@ -89,6 +97,32 @@ TEST(TraceTool, ListsShowsAndFollowsARingThroughAClear) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     std::fclose(out);
     trace_buffer_close(ring);
+}
+
+// Log lines hold what clients sent, ring names too: bytes that would steer the terminal are shown
+// as \xNN (valid UTF-8 passes), unless raw output is asked for.
+TEST(TraceTool, ControlBytesAreEscapedUnlessRawIsAsked) {
+    tov::test::RingDir dir;
+    const std::string name = "esc\x1b[2J.trace";
+    const std::string line = "a\x1b]0;title\x07\x1b[2J\rb\tc caf\xc3\xa9 \xc2\x9b\xff\x7f";
+    trace_buffer_t ring = 0;
+    ASSERT_EQ(trace_buffer_open(name.c_str(), 0, 0, 4, 4 * 128, 0, &ring), 0);
+    ASSERT_EQ(trace_buffer_write(ring, 0, 0, line.c_str()), 0);
+    EXPECT_EQ(run_tool({"show", "--no-time", name}).second,
+              "a\\x1b]0;title\\x07\\x1b[2J\\x0db\tc caf\xc3\xa9 \\xc2\\x9b\\xff\\x7f\n");
+    EXPECT_EQ(run_tool({"show", "--no-time", "--raw", name}).second, line + "\n");
+    EXPECT_NE(run_tool({"list"}).second.find("\nesc\\x1b[2J.trace "), std::string::npos);
+    trace_buffer_close(ring);
+}
+
+// A FIFO (or device) in a ring's place is refused at once instead of blocking the reader.
+TEST(TraceTool, AFifoIsRefusedWithoutWaiting) {
+    tov::test::RingDir dir;
+    ASSERT_EQ(mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    for (const char *command : {"show", "follow"}) {
+        EXPECT_EQ(run_tool({command, "fifo"}), std::make_pair(1, "tov-trace: " + dir.file("fifo") + ": not a trace ring\n"))
+            << command;
+    }
 }
 
 } // namespace
