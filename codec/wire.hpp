@@ -1,8 +1,7 @@
-// Varint reading and writing, shared by the engine and protoc99_decode_var32.
+// Varint reading, shared by the decoder and protoc99_decode_var32.
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 
 namespace tov::detail {
 
@@ -33,49 +32,5 @@ template <class T> bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32
 }
 inline bool read_varint32(const uint8_t *b, uint32_t &pos, uint32_t end, uint32_t &v) { return read_varint(b, pos, end, v); }
 inline bool read_varint64(const uint8_t *b, uint32_t &pos, uint32_t end, uint64_t &v) { return read_varint(b, pos, end, v); }
-
-constexpr uint32_t varint_size(uint64_t value) {
-    uint32_t n = 1;
-    while (value >= 0x80) {
-        value >>= 7;
-        ++n;
-    }
-    return n;
-}
-
-// Writes at absolute positions; bytes at or past the capacity are counted, not written, which
-// is all that measuring with capacity 0 and writing into a short buffer need.
-struct Writer {
-    uint8_t *buffer;
-    uint32_t capacity;
-    uint32_t pos;
-
-    void byte(uint8_t b) {
-        if (pos < capacity) buffer[pos] = b;
-        ++pos;
-    }
-    void varint(uint64_t value) {
-        if (pos < capacity && capacity - pos >= 10) { // room for any varint: no per-byte checks
-            uint8_t *p = buffer + pos;
-            while (value >= 0x80) {
-                *p++ = static_cast<uint8_t>(value | 0x80);
-                value >>= 7;
-            }
-            *p++ = static_cast<uint8_t>(value);
-            pos = static_cast<uint32_t>(p - buffer);
-            return;
-        }
-        while (value >= 0x80) {
-            byte(static_cast<uint8_t>(value | 0x80));
-            value >>= 7;
-        }
-        byte(static_cast<uint8_t>(value));
-    }
-    // A string's bytes are written whole or not at all.
-    void bytes(const void *data, uint32_t n) {
-        if (pos <= capacity && n <= capacity - pos && n != 0) std::memcpy(buffer + pos, data, n);
-        pos += n;
-    }
-};
 
 } // namespace tov::detail
