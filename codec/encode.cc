@@ -29,6 +29,7 @@ inline uint8_t highest(uint32_t mask) { return static_cast<uint8_t>(31 - __built
 
 // Measures: `at` grows by every byte emitted.
 struct Counter {
+    static constexpr bool kBackward = false; // any order measures; front to back reads memory in order
     uint32_t at = 0;
     uint32_t spans = 0; // non-empty message encodings
     void byte(uint8_t) { ++at; }
@@ -44,6 +45,7 @@ struct Counter {
 // Writes towards the start: `at` is the absolute position of the first byte written so far. With
 // Clip, only positions below the capacity are written, a string only when it fits whole.
 template <bool Clip> struct Writer {
+    static constexpr bool kBackward = true;
     uint8_t *buffer;
     uint32_t capacity;
     uint32_t at;
@@ -96,7 +98,8 @@ struct EmitFrame {
     const uint8_t *record;
     uint32_t bits;    // presence bits
     uint32_t pending; // fields still to emit: the present ones and the inline records
-    uint32_t index;   // elements of the current run still to emit
+    uint32_t remaining; // elements of the current run still to emit
+    uint32_t count;     // elements of the current run
     uint32_t mark;    // where this message's body ends
     uint32_t claimed; // spans claimed before this message was entered
     bool in_run;
@@ -109,12 +112,24 @@ template <class Out> uint32_t claimed_of(const Out &out) {
         return 0;
 }
 
+// The fields to visit: the present ones, and the inline records when any presence bit is set in
+// one of them (most data tree nodes carry neither node_info nor insert).
 template <class Out> EmitFrame frame_of(const MessageDesc &d, const uint8_t *record, const Out &out) {
     const uint32_t bits = present_mask(d, record);
-    return EmitFrame{&d, record, bits, bits | d.inline_mask, 0, out.mark(), claimed_of(out), false};
+    uint8_t inline_bits = 0;
+    for (unsigned k = d.present_bytes; k < d.closure_count; ++k) inline_bits |= record[d.closure[k]];
+    return EmitFrame{&d, record, bits, inline_bits ? bits | d.inline_mask : bits, 0, 0, out.mark(), claimed_of(out),
+                     false};
 }
 
 template <class Out> void emit(const MessageDesc &root, const uint8_t *root_record, Out &out) {
+    // The field to emit next: the last pending one when writing back to front, else the first.
+    auto next = [](uint32_t pending) -> uint8_t {
+        if constexpr (Out::kBackward)
+            return highest(pending);
+        else
+            return static_cast<uint8_t>(__builtin_ctz(pending));
+    };
     CodecStack<EmitFrame> stack;
     must_push(stack, frame_of(root, root_record, out));
     for (;;) {
@@ -122,8 +137,8 @@ template <class Out> void emit(const MessageDesc &root, const uint8_t *root_reco
         EmitFrame &f = stack.top();
         const MessageDesc &d = *f.desc;
         const uint8_t *record = f.record;
-        for (; f.pending; f.pending &= ~(1u << highest(f.pending))) {
-            const uint8_t i = highest(f.pending);
+        for (; f.pending; f.pending &= ~(1u << next(f.pending))) {
+            const uint8_t i = next(f.pending);
             const FieldDesc &fd = d.fields[i];
             const bool present = (f.bits >> i) & 1u;
             switch (fd.kind) {
@@ -151,7 +166,7 @@ template <class Out> void emit(const MessageDesc &root, const uint8_t *root_reco
                 out.byte(0);
                 out.key(fd);
                 break;
-            case Kind::Strings:
+            case Kind::Strings: // measured in any order, written back to front
                 if (auto *const *items = load<char *const *>(record + fd.offset)) {
                     for (uint32_t k = load<uint32_t>(record + fd.count_offset); k-- > 0;) {
                         const uint32_t n = items[k] ? static_cast<uint32_t>(std::strlen(items[k])) : 0;
@@ -180,11 +195,13 @@ template <class Out> void emit(const MessageDesc &root, const uint8_t *root_reco
                 if (!elements) break;
                 if (!f.in_run) {
                     f.in_run = true;
-                    f.index = load<uint32_t>(record + fd.count_offset);
+                    f.remaining = f.count = load<uint32_t>(record + fd.count_offset);
                 }
-                if (f.index > 0) {
+                if (f.remaining > 0) {
                     const MessageDesc &sub = sub_of(d, fd);
-                    must_push(stack, frame_of(sub, elements + size_t{--f.index} * sub.size, out));
+                    const uint32_t k = Out::kBackward ? f.remaining - 1 : f.count - f.remaining;
+                    --f.remaining;
+                    must_push(stack, frame_of(sub, elements + size_t{k} * sub.size, out));
                     goto resume;
                 }
                 f.in_run = false;
@@ -198,7 +215,7 @@ template <class Out> void emit(const MessageDesc &root, const uint8_t *root_reco
         if (n != 0) out.claim(n, claimed, stack.size());
         if (stack.empty()) return;
         EmitFrame &p = stack.top();
-        const uint8_t i = highest(p.pending);
+        const uint8_t i = next(p.pending);
         const FieldDesc &pf = p.desc->fields[i];
         if (pf.kind == Kind::Message) {
             if (n != 0 || ((p.bits >> i) & 1u)) {

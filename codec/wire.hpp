@@ -8,11 +8,7 @@ namespace tov::detail {
 // Reads a varint into T (32 or 64 bits): up to five or ten bytes carry bits; further bytes are
 // skipped until one ends the varint (an over-long varint is accepted and truncated, deliberately;
 // in 32 bits the fifth byte keeps only its low four bits). False when the buffer ends first.
-template <class T> bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32_t end, T &value) {
-    if (pos < end && buffer[pos] < 0x80) {
-        value = buffer[pos++];
-        return true;
-    }
+template <class T> [[gnu::noinline]] bool read_varint_long(const uint8_t *buffer, uint32_t &pos, uint32_t end, T &value) {
     T v = 0;
     for (unsigned shift = 0; shift < 8 * sizeof(T) + 7 - (8 * sizeof(T)) % 7; shift += 7) {
         if (pos >= end) return false;
@@ -30,7 +26,20 @@ template <class T> bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32
     value = v;
     return true;
 }
-inline bool read_varint32(const uint8_t *b, uint32_t &pos, uint32_t end, uint32_t &v) { return read_varint(b, pos, end, v); }
-inline bool read_varint64(const uint8_t *b, uint32_t &pos, uint32_t end, uint64_t &v) { return read_varint(b, pos, end, v); }
+// The one-byte varint (most keys, lengths and values) is read inline; longer ones out of line.
+template <class T> [[gnu::always_inline]] inline bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32_t end,
+                                                                  T &value) {
+    if (pos < end && buffer[pos] < 0x80) [[likely]] {
+        value = buffer[pos++];
+        return true;
+    }
+    return read_varint_long(buffer, pos, end, value);
+}
+[[gnu::always_inline]] inline bool read_varint32(const uint8_t *b, uint32_t &pos, uint32_t end, uint32_t &v) {
+    return read_varint(b, pos, end, v);
+}
+[[gnu::always_inline]] inline bool read_varint64(const uint8_t *b, uint32_t &pos, uint32_t end, uint64_t &v) {
+    return read_varint(b, pos, end, v);
+}
 
 } // namespace tov::detail
