@@ -1,13 +1,24 @@
-// Decode and encode of the same bytes by this codec, Google protobuf (C++) and protobuf-c, with
-// the ratios printed at the end of one run:  build/bench/bench/codec_bench
-// Workloads: an edit-config request carrying a configuration tree, and a get response carrying
-// a larger data tree; both built once with libprotobuf and serialised by it.
+// The codec against Google protobuf with an Arena ("gpb-arena") and protobuf-c on the same bytes:
+// the request files in $TOV_WORKLOADS (default ../shared/workloads). Every case runs as
+// interleaved repetitions; the table at the end gives, per workload and operation, the median
+// time of each contender divided by gpb-arena's median from the same run (below 1: faster than
+// gpb-arena), and in brackets the lowest and highest ratio of repetitions run side by side.
+//   codec_bench --benchmark_repetitions=15 --benchmark_enable_random_interleaving=true
 #include <benchmark/benchmark.h>
+#include <google/protobuf/arena.h>
+#include <google/protobuf/io/coded_stream.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "tov.pb-c.h"
 #include "tov.pb.h"
@@ -15,199 +26,274 @@
 
 namespace {
 
-void *heap_alloc(uint32_t size, uintptr_t) { return std::malloc(size); }
-void heap_free(void *p, uintptr_t) { std::free(p); }
+using GpbRequest = kesh::tov::request;
 
-// A YANG-like tree: interfaces with leaves, attributes on some, a few levels deep.
-void build_tree(kesh::tov::datatree *node, int depth, int fanout, int &serial) {
-    node->set_name("node-" + std::to_string(serial++));
-    if (depth == 0) {
-        node->set_value("value-" + std::to_string(serial * 7919 % 100000));
-        node->set_operation(serial % 5);
-        return;
+// The framework's pair: calloc for every block, free for every block.
+void *calloc_alloc(uint32_t size, uintptr_t) { return std::calloc(1, size); }
+void calloc_free(void *p, uintptr_t) { std::free(p); }
+
+// A per-message bump arena: blocks are carved from one region that is rewound after each message,
+// and releasing a block costs nothing.
+struct Bump {
+    std::vector<std::max_align_t> region = std::vector<std::max_align_t>(64u << 20 >> 4);
+    size_t used = 0;
+    void rewind() { used = 0; }
+};
+void *bump_alloc(uint32_t size, uintptr_t ctx) {
+    auto *b = reinterpret_cast<Bump *>(ctx);
+    const size_t need = (static_cast<size_t>(size) + 15) & ~size_t{15};
+    if (need > b->region.size() * sizeof(std::max_align_t) - b->used) return nullptr;
+    void *p = reinterpret_cast<char *>(b->region.data()) + b->used;
+    b->used += need;
+    return p;
+}
+void bump_free(void *, uintptr_t) {}
+
+// gpb's arena starts on a reused block as large as the bump region, so neither side calls malloc.
+struct GpbArena {
+    std::vector<char> block = std::vector<char>(64u << 20);
+    google::protobuf::ArenaOptions options() {
+        google::protobuf::ArenaOptions o;
+        o.initial_block = block.data();
+        o.initial_block_size = block.size();
+        return o;
     }
-    if (serial % 3 == 0) {
-        auto *a = node->add_attributes();
-        a->set_name("xmlns");
-        a->set_value("urn:ietf:params:xml:ns:yang:ietf-interfaces");
-    }
-    for (int i = 0; i < fanout; ++i) build_tree(node->add_children(), depth - 1, fanout, serial);
+};
+
+// chain1k nests a thousand levels: past libprotobuf's default recursion limit of 100.
+bool gpb_parse(GpbRequest *m, const std::string &bytes) {
+    google::protobuf::io::CodedInputStream in(reinterpret_cast<const uint8_t *>(bytes.data()),
+                                              static_cast<int>(bytes.size()));
+    in.SetRecursionLimit(1 << 20);
+    return m->ParseFromCodedStream(&in) && in.ConsumedEntireMessage();
 }
 
 struct Workload {
     std::string name;
     std::string bytes;
+    const uint8_t *data() const { return reinterpret_cast<const uint8_t *>(bytes.data()); }
+    uint32_t size() const { return static_cast<uint32_t>(bytes.size()); }
 };
 
-const Workload &request_workload() {
-    static Workload w = [] {
-        kesh::tov::request r;
-        r.set_operation(1);
-        r.set_session_id(0x1234abcd);
-        r.set_message_id("101");
-        auto *ec = r.mutable_edit_config();
-        ec->mutable_target()->set_name("candidate");
-        ec->set_option_2(1);
-        int serial = 0;
-        build_tree(ec->mutable_config(), 4, 4, serial); // 341 nodes
-        return Workload{"request", r.SerializeAsString()};
-    }();
-    return w;
+std::vector<Workload> load_workloads() {
+    const char *dir = std::getenv("TOV_WORKLOADS");
+    std::string base = dir ? dir : "../shared/workloads";
+    std::vector<Workload> out;
+    for (const char *name : {"yang10k", "flat1k", "chain1k"}) {
+        std::ifstream in(base + "/" + name + ".bin", std::ios::binary);
+        if (!in) {
+            std::fprintf(stderr, "codec_bench: cannot read %s/%s.bin (set TOV_WORKLOADS)\n", base.c_str(), name);
+            std::exit(2);
+        }
+        out.push_back(Workload{name, std::string(std::istreambuf_iterator<char>(in), {})});
+    }
+    return out;
 }
 
-const Workload &response_workload() {
-    static Workload w = [] {
-        kesh::tov::response r;
-        r.set_success(true);
-        int serial = 0;
-        build_tree(r.mutable_data(), 5, 4, serial); // 1365 nodes
-        return Workload{"response", r.SerializeAsString()};
-    }();
-    return w;
-}
-
-const uint8_t *data_of(const Workload &w) { return reinterpret_cast<const uint8_t *>(w.bytes.data()); }
-uint32_t size_of(const Workload &w) { return static_cast<uint32_t>(w.bytes.size()); }
-
-// ---- decode ----
-
-template <class R> struct TovCodec {
-    int32_t (*decode)(R *, const uint8_t *, uint32_t, tov_alloc_fn, uintptr_t, uintptr_t);
-    uint32_t (*encode)(const R *, uint8_t *, uint32_t, TovSpan *, uint32_t *, uintptr_t);
-    void (*free)(R *, tov_free_fn, uintptr_t, uintptr_t);
+struct Allocator {
+    tov_alloc_fn alloc;
+    tov_free_fn free;
 };
-const TovCodec<Request> kRequest{kesh_tov_request_decode_ext, kesh_tov_request_encode_ext, kesh_tov_request_free_ext};
-const TovCodec<Response> kResponse{kesh_tov_response_decode_ext, kesh_tov_response_encode_ext,
-                                   kesh_tov_response_free_ext};
 
-template <class M> struct CCodec {
-    M *(*unpack)(ProtobufCAllocator *, size_t, const uint8_t *);
-    void (*free_unpacked)(M *, ProtobufCAllocator *);
-    size_t (*packed_size)(const M *);
-    size_t (*pack)(const M *, uint8_t *);
-};
-const CCodec<Kesh__Tov__Request> kCRequest{kesh__tov__request__unpack, kesh__tov__request__free_unpacked,
-                                          kesh__tov__request__get_packed_size, kesh__tov__request__pack};
-const CCodec<Kesh__Tov__Response> kCResponse{kesh__tov__response__unpack, kesh__tov__response__free_unpacked,
-                                            kesh__tov__response__get_packed_size, kesh__tov__response__pack};
-
-template <class R> void tov_decode(benchmark::State &state, const Workload &w, const TovCodec<R> &c) {
-    R r;
-    for (auto _ : state) {
-        if (c.decode(&r, data_of(w), size_of(w), heap_alloc, 0, 0) != 0) state.SkipWithError("decode");
-        c.free(&r, heap_free, 0, 0);
-    }
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
-template <class M> void protobuf_decode(benchmark::State &state, const Workload &w) {
-    for (auto _ : state) {
-        M fresh; // a fresh message each time, as the C decoders start from a reset record
-        if (!fresh.ParseFromString(w.bytes)) state.SkipWithError("parse");
-        benchmark::DoNotOptimize(fresh);
-    }
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
-}
-template <class M> void protobuf_c_decode(benchmark::State &state, const Workload &w, const CCodec<M> &c) {
-    for (auto _ : state) {
-        M *m = c.unpack(nullptr, w.bytes.size(), data_of(w));
-        if (!m) state.SkipWithError("unpack");
-        c.free_unpacked(m, nullptr);
-    }
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
+void check(benchmark::State &state, bool ok, const char *what) {
+    if (!ok) state.SkipWithError(what);
 }
 
-// ---- encode (measure, then write into a buffer of that size) ----
+// ---- encode: a sender's measuring call, then its writing call into a buffer of that size ----
 
-template <class R> void tov_encode(benchmark::State &state, const Workload &w, const TovCodec<R> &c) {
-    R r;
-    c.decode(&r, data_of(w), size_of(w), heap_alloc, 0, 0);
+void tov_encode(benchmark::State &state, const Workload &w, bool bump) {
+    Bump arena;
+    Request r;
+    const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
+    const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
+    check(state, kesh_tov_request_decode_ext(&r, w.data(), w.size(), a.alloc, ctx, 0) == 0, "decode");
     std::string out(w.bytes.size(), '\0');
     for (auto _ : state) {
-        uint32_t n = c.encode(&r, nullptr, 0, nullptr, nullptr, 0);
-        c.encode(&r, reinterpret_cast<uint8_t *>(out.data()), n, nullptr, nullptr, 0);
+        const uint32_t n = kesh_tov_request_encode_ext(&r, nullptr, 0, nullptr, nullptr, 0);
+        kesh_tov_request_encode_ext(&r, reinterpret_cast<uint8_t *>(out.data()), n, nullptr, nullptr, 0);
         benchmark::DoNotOptimize(out.data());
     }
-    if (out != w.bytes) state.SkipWithError("different bytes");
-    c.free(&r, heap_free, 0, 0);
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
+    check(state, out == w.bytes, "different bytes");
+    kesh_tov_request_free_ext(&r, a.free, ctx, 0);
 }
-template <class M> void protobuf_encode(benchmark::State &state, const Workload &w) {
-    M m;
-    m.ParseFromString(w.bytes);
+void gpb_encode(benchmark::State &state, const Workload &w) {
+    GpbArena block;
+    google::protobuf::Arena arena(block.options());
+    auto *m = google::protobuf::Arena::CreateMessage<GpbRequest>(&arena);
+    check(state, gpb_parse(m, w.bytes), "parse");
     std::string out(w.bytes.size(), '\0');
     for (auto _ : state) {
-        size_t n = m.ByteSizeLong(); // measures, as the C encoders do, before writing
-        m.SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t *>(out.data()));
+        const size_t n = m->ByteSizeLong();
+        m->SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t *>(out.data()));
         benchmark::DoNotOptimize(n);
+        benchmark::DoNotOptimize(out.data());
     }
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
+    check(state, out == w.bytes, "different bytes");
 }
-template <class M> void protobuf_c_encode(benchmark::State &state, const Workload &w, const CCodec<M> &c) {
-    M *m = c.unpack(nullptr, w.bytes.size(), data_of(w));
+void pbc_encode(benchmark::State &state, const Workload &w) {
+    Kesh__Tov__Request *m = kesh__tov__request__unpack(nullptr, w.bytes.size(), w.data());
     std::string out(w.bytes.size(), '\0');
     for (auto _ : state) {
-        size_t n = c.packed_size(m);
-        c.pack(m, reinterpret_cast<uint8_t *>(out.data()));
+        const size_t n = kesh__tov__request__get_packed_size(m);
+        kesh__tov__request__pack(m, reinterpret_cast<uint8_t *>(out.data()));
         benchmark::DoNotOptimize(n);
     }
-    c.free_unpacked(m, nullptr);
-    state.SetBytesProcessed(state.iterations() * w.bytes.size());
+    kesh__tov__request__free_unpacked(m, nullptr);
 }
 
-void tov_decode_request(benchmark::State &s) { tov_decode(s, request_workload(), kRequest); }
-void protobuf_decode_request(benchmark::State &s) { protobuf_decode<kesh::tov::request>(s, request_workload()); }
-void protobuf_c_decode_request(benchmark::State &s) { protobuf_c_decode(s, request_workload(), kCRequest); }
-void tov_decode_response(benchmark::State &s) { tov_decode(s, response_workload(), kResponse); }
-void protobuf_decode_response(benchmark::State &s) { protobuf_decode<kesh::tov::response>(s, response_workload()); }
-void protobuf_c_decode_response(benchmark::State &s) { protobuf_c_decode(s, response_workload(), kCResponse); }
-void tov_encode_request(benchmark::State &s) { tov_encode(s, request_workload(), kRequest); }
-void protobuf_encode_request(benchmark::State &s) { protobuf_encode<kesh::tov::request>(s, request_workload()); }
-void protobuf_c_encode_request(benchmark::State &s) { protobuf_c_encode(s, request_workload(), kCRequest); }
-void tov_encode_response(benchmark::State &s) { tov_encode(s, response_workload(), kResponse); }
-void protobuf_encode_response(benchmark::State &s) { protobuf_encode<kesh::tov::response>(s, response_workload()); }
-void protobuf_c_encode_response(benchmark::State &s) { protobuf_c_encode(s, response_workload(), kCResponse); }
+// ---- decode + free ----
 
-BENCHMARK(tov_decode_request);
-BENCHMARK(protobuf_decode_request);
-BENCHMARK(protobuf_c_decode_request);
-BENCHMARK(tov_decode_response);
-BENCHMARK(protobuf_decode_response);
-BENCHMARK(protobuf_c_decode_response);
-BENCHMARK(tov_encode_request);
-BENCHMARK(protobuf_encode_request);
-BENCHMARK(protobuf_c_encode_request);
-BENCHMARK(tov_encode_response);
-BENCHMARK(protobuf_encode_response);
-BENCHMARK(protobuf_c_encode_response);
+void tov_decode_free(benchmark::State &state, const Workload &w, bool bump) {
+    Bump arena;
+    Request r;
+    const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
+    const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
+    for (auto _ : state) {
+        if (kesh_tov_request_decode_ext(&r, w.data(), w.size(), a.alloc, ctx, 0) != 0) state.SkipWithError("decode");
+        kesh_tov_request_free_ext(&r, a.free, ctx, 0);
+        arena.rewind();
+    }
+}
+void gpb_decode_free(benchmark::State &state, const Workload &w) {
+    GpbArena block;
+    for (auto _ : state) {
+        google::protobuf::Arena arena(block.options());
+        auto *m = google::protobuf::Arena::CreateMessage<GpbRequest>(&arena);
+        if (!gpb_parse(m, w.bytes)) state.SkipWithError("parse");
+        benchmark::DoNotOptimize(m);
+    }
+}
+void pbc_decode_free(benchmark::State &state, const Workload &w) {
+    for (auto _ : state) {
+        Kesh__Tov__Request *m = kesh__tov__request__unpack(nullptr, w.bytes.size(), w.data());
+        if (!m) state.SkipWithError("unpack");
+        kesh__tov__request__free_unpacked(m, nullptr);
+    }
+}
 
-// Prints the usual table, then each peer's time over this codec's for the same work.
-class RatioReporter : public benchmark::ConsoleReporter {
+// ---- free alone (the decode before it is not timed) ----
+
+void tov_free(benchmark::State &state, const Workload &w) {
+    Request r;
+    for (auto _ : state) {
+        state.PauseTiming();
+        if (kesh_tov_request_decode_ext(&r, w.data(), w.size(), calloc_alloc, 0, 0) != 0) state.SkipWithError("decode");
+        state.ResumeTiming();
+        kesh_tov_request_free_ext(&r, calloc_free, 0, 0);
+    }
+}
+void tov_decode_only(benchmark::State &state, const Workload &w) {
+    Request r;
+    for (auto _ : state) {
+        if (kesh_tov_request_decode_ext(&r, w.data(), w.size(), calloc_alloc, 0, 0) != 0) state.SkipWithError("decode");
+        state.PauseTiming();
+        kesh_tov_request_free_ext(&r, calloc_free, 0, 0);
+        state.ResumeTiming();
+    }
+}
+
+// ---- duplicate + free ----
+
+void tov_duplicate_free(benchmark::State &state, const Workload &w, bool bump) {
+    Request source, copy;
+    check(state, kesh_tov_request_decode_ext(&source, w.data(), w.size(), calloc_alloc, 0, 0) == 0, "decode");
+    Bump arena;
+    const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
+    const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
+    for (auto _ : state) {
+        if (kesh_tov_request_duplicate(&copy, &source, a.alloc, ctx) != 0) state.SkipWithError("duplicate");
+        kesh_tov_request_free_ext(&copy, a.free, ctx, 0);
+        arena.rewind();
+    }
+    kesh_tov_request_free_ext(&source, calloc_free, 0, 0);
+}
+void gpb_duplicate_free(benchmark::State &state, const Workload &w) {
+    GpbRequest source;
+    check(state, gpb_parse(&source, w.bytes), "parse");
+    GpbArena block;
+    for (auto _ : state) {
+        google::protobuf::Arena arena(block.options());
+        auto *m = google::protobuf::Arena::CreateMessage<GpbRequest>(&arena);
+        m->CopyFrom(source);
+        benchmark::DoNotOptimize(m);
+    }
+}
+
+// Collects every repetition and prints the ratio table.
+class RatioReporter : public benchmark::BenchmarkReporter {
 public:
+    bool ReportContext(const Context &) override { return true; }
     void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &r : runs) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
+        for (const Run &r : runs)
+            if (r.run_type == Run::RT_Iteration && !r.error_occurred)
+                times_[r.benchmark_name()].push_back(r.GetAdjustedCPUTime());
+            else if (r.error_occurred)
+                std::printf("%s: %s\n", r.benchmark_name().c_str(), r.error_message.c_str());
     }
     void Finalize() override {
-        ConsoleReporter::Finalize();
-        std::printf("\nTime relative to this codec (above 1.00: this codec is faster)\n");
-        std::printf("%-18s %14s %14s\n", "work", "protobuf C++", "protobuf-c");
-        for (const char *work : {"decode_request", "decode_response", "encode_request", "encode_response"}) {
-            double ours = times_[std::string("tov_") + work];
-            std::printf("%-18s %14.2f %14.2f\n", work, times_[std::string("protobuf_") + work] / ours,
-                        times_[std::string("protobuf_c_") + work] / ours);
+        std::printf("%-8s %-14s %10s %17s %17s %17s  (median time / gpb-arena median [low..high pairs])\n",
+                    "workload", "operation", "gpb-arena", "calloc pair", "bump arena", "protobuf-c");
+        for (const char *work : {"yang10k", "flat1k", "chain1k"})
+            for (const char *op : {"encode", "decode+free", "duplicate+free"}) {
+                const std::string base = std::string(work) + "/" + op + "/";
+                const auto &gpb = times_[base + "gpb-arena"];
+                if (gpb.empty()) continue;
+                std::printf("%-8s %-14s %8.1fus", work, op, median(gpb) / 1e3);
+                for (const char *who : {"calloc", "bump", "protobuf-c"}) cell(times_[base + who], gpb);
+                std::printf("\n");
+            }
+        for (const char *work : {"yang10k", "flat1k", "chain1k"}) {
+            const auto &dec = times_[std::string(work) + "/decode/calloc"];
+            const auto &fr = times_[std::string(work) + "/free/calloc"];
+            if (dec.empty() || fr.empty()) continue;
+            std::printf("%-8s free_ext / decode (calloc pair): %.2f  (decode %.1fus, free %.1fus)\n", work,
+                        median(fr) / median(dec), median(dec) / 1e3, median(fr) / 1e3);
         }
-        std::printf("request %zu bytes, response %zu bytes\n", request_workload().bytes.size(),
-                    response_workload().bytes.size());
     }
 
 private:
-    std::map<std::string, double> times_;
+    static double median(std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        const size_t n = v.size();
+        return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+    }
+    static void cell(const std::vector<double> &ours, const std::vector<double> &gpb) {
+        if (ours.empty()) {
+            std::printf(" %17s", "-");
+            return;
+        }
+        double lo = 1e300, hi = 0;
+        for (size_t i = 0; i < std::min(ours.size(), gpb.size()); ++i) {
+            lo = std::min(lo, ours[i] / gpb[i]);
+            hi = std::max(hi, ours[i] / gpb[i]);
+        }
+        std::printf(" %5.2f [%4.2f..%4.2f]", median(ours) / median(gpb), lo, hi);
+    }
+    std::map<std::string, std::vector<double>> times_;
 };
 
 } // namespace
 
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
+    static const std::vector<Workload> workloads = load_workloads();
+    for (const Workload &w : workloads) {
+        const std::string n = w.name + "/";
+        const Workload *p = &w;
+        benchmark::RegisterBenchmark((n + "encode/gpb-arena").c_str(), [p](benchmark::State &s) { gpb_encode(s, *p); });
+        benchmark::RegisterBenchmark((n + "encode/calloc").c_str(), [p](benchmark::State &s) { tov_encode(s, *p, false); });
+        benchmark::RegisterBenchmark((n + "encode/bump").c_str(), [p](benchmark::State &s) { tov_encode(s, *p, true); });
+        benchmark::RegisterBenchmark((n + "encode/protobuf-c").c_str(), [p](benchmark::State &s) { pbc_encode(s, *p); });
+        benchmark::RegisterBenchmark((n + "decode+free/gpb-arena").c_str(), [p](benchmark::State &s) { gpb_decode_free(s, *p); });
+        benchmark::RegisterBenchmark((n + "decode+free/calloc").c_str(), [p](benchmark::State &s) { tov_decode_free(s, *p, false); });
+        benchmark::RegisterBenchmark((n + "decode+free/bump").c_str(), [p](benchmark::State &s) { tov_decode_free(s, *p, true); });
+        benchmark::RegisterBenchmark((n + "decode+free/protobuf-c").c_str(), [p](benchmark::State &s) { pbc_decode_free(s, *p); });
+        benchmark::RegisterBenchmark((n + "duplicate+free/gpb-arena").c_str(), [p](benchmark::State &s) { gpb_duplicate_free(s, *p); });
+        benchmark::RegisterBenchmark((n + "duplicate+free/calloc").c_str(), [p](benchmark::State &s) { tov_duplicate_free(s, *p, false); });
+        benchmark::RegisterBenchmark((n + "duplicate+free/bump").c_str(), [p](benchmark::State &s) { tov_duplicate_free(s, *p, true); });
+        benchmark::RegisterBenchmark((n + "decode/calloc").c_str(), [p](benchmark::State &s) { tov_decode_only(s, *p); });
+        benchmark::RegisterBenchmark((n + "free/calloc").c_str(), [p](benchmark::State &s) { tov_free(s, *p); });
+    }
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

@@ -1,5 +1,5 @@
 // Message descriptors: every message is one constant table of fields in record order, and one
-// engine (engine.cc) does decode, encode, duplicate and free for all of them.
+// engine (decode.cc, encode.cc, copy.cc, release.cc) does the four operations for all of them.
 #pragma once
 
 #include <cstddef>
@@ -31,6 +31,19 @@ struct FieldDesc {
     const MessageDesc *sub; // Message, Messages, Flag; nullptr in Messages means "this message"
     uint32_t default_value; // stored by reset; 0 for nearly every field
     const char *name;       // the field's name in the wire schema (the member's name)
+    uint8_t bit;            // the record's bit name for this field, checked against the row index
+};
+
+// A member that owns memory (a string, or an array of strings or records), at its offset in the
+// outermost record: the members of inline records are listed in place, so release and copy walk
+// one flat list per record instead of descending into inline records that own nothing.
+struct OwnedSlot {
+    Kind kind;              // String, Strings or Messages
+    uint8_t bit_mask;       // the field's presence bit within the byte at present_at
+    uint16_t present_at;
+    uint16_t offset;
+    uint16_t count_offset;
+    const MessageDesc *sub; // Messages: the element table; nullptr means the record's own table
 };
 
 inline constexpr uint32_t kMaxFieldNumber = 63;
@@ -52,6 +65,8 @@ struct MessageDesc {
     // message puts nothing on the wire unless one of these bytes is non-zero.
     uint8_t closure_count;
     uint16_t closure[96];
+    uint8_t owned_count;
+    OwnedSlot owned[112];
 };
 
 constexpr uint32_t wire_type_of(Kind k) {
@@ -59,11 +74,11 @@ constexpr uint32_t wire_type_of(Kind k) {
 }
 
 constexpr FieldDesc field(uint32_t number, Kind kind, uint16_t offset, uint16_t count_offset, const MessageDesc *sub,
-                          uint32_t default_value, const char *name) {
+                          uint32_t default_value, const char *name, unsigned bit) {
     if (number == 0 || number > 63) throw "field number out of range";
     return FieldDesc{number,      kind, static_cast<uint8_t>(number < 16 ? 1 : 2),
                      static_cast<uint16_t>(number << 3 | wire_type_of(kind)), offset, count_offset, sub, default_value,
-                     name};
+                     name, static_cast<uint8_t>(bit)};
 }
 
 constexpr const MessageDesc &sub_of(const MessageDesc &m, const FieldDesc &f) { return f.sub ? *f.sub : m; }
@@ -77,10 +92,16 @@ template <class Member, class Expected> consteval uint16_t checked_offset(size_t
 }
 
 template <size_t N>
-constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_offset, const FieldDesc (&fields)[N]) {
+constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_offset, size_t present_size,
+                               const FieldDesc (&fields)[N]) {
     if (N > 32) throw "too many fields for a 32-bit presence mask";
+    if (present_size != (N + 7) / 8) throw "the record's present array does not have one bit per field";
     MessageDesc d{name, size, static_cast<uint16_t>(present_offset), static_cast<uint8_t>(N), fields, {}, false,
-                  false, false, 0, static_cast<uint8_t>((N + 7) / 8), 0, {}};
+                  false, false, 0, static_cast<uint8_t>((N + 7) / 8), 0, {}, 0, {}};
+    auto add_owned = [&d](OwnedSlot slot) {
+        if (d.owned_count == sizeof d.owned / sizeof d.owned[0]) throw "too many owned members";
+        d.owned[d.owned_count++] = slot;
+    };
     for (auto &slot : d.lookup) slot = kUnknownField;
     auto add_to_closure = [&d](size_t offset) {
         if (d.closure_count == sizeof d.closure / sizeof d.closure[0]) throw "presence closure too large";
@@ -91,6 +112,7 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
         const FieldDesc &f = fields[i];
         if (f.number == 0 || f.number > kMaxFieldNumber) throw "field number out of range";
         if (d.lookup[f.number] != kUnknownField) throw "field number used twice";
+        if (f.bit != i) throw "a bit name differs from its field's row";
         d.lookup[f.number] = static_cast<uint8_t>(i);
         if (f.default_value != 0) d.has_defaults = true;
         switch (f.kind) {
@@ -98,11 +120,21 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
         case Kind::Strings:
         case Kind::Messages:
             d.owns_memory = true;
+            add_owned(OwnedSlot{f.kind, static_cast<uint8_t>(1u << (i & 7)),
+                                static_cast<uint16_t>(present_offset + i / 8), f.offset, f.count_offset, f.sub});
             break;
         case Kind::Message:
             d.has_inline_records = true;
             d.inline_mask |= 1u << i;
             for (size_t k = 0; k < f.sub->closure_count; ++k) add_to_closure(f.offset + f.sub->closure[k]);
+            for (size_t k = 0; k < f.sub->owned_count; ++k) {
+                OwnedSlot slot = f.sub->owned[k];
+                slot.present_at = static_cast<uint16_t>(slot.present_at + f.offset);
+                slot.offset = static_cast<uint16_t>(slot.offset + f.offset);
+                slot.count_offset = static_cast<uint16_t>(slot.count_offset + f.offset);
+                if (!slot.sub) slot.sub = f.sub; // the inline record's own table, not this one
+                add_owned(slot);
+            }
             if (f.sub->has_defaults) d.has_defaults = true;
             if (f.sub->owns_memory) d.owns_memory = true;
             break;
@@ -115,36 +147,38 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
 
 // A message without fields (a payload flag such as discard_changes).
 constexpr MessageDesc describe_empty(const char *name, uint32_t size) {
-    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false, 0, 0, 0, {}};
+    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false, 0, 0, 0, {}, 0, {}};
     for (auto &slot : d.lookup) slot = kUnknownField;
     return d;
 }
 
 } // namespace tov::detail
 
-// Table rows. Each checks the member's type against the kind it is described as.
+// Table rows. Each checks the member's type against the kind it is described as, and takes the
+// record's bit name for the field, which describe() checks against the row's index.
 #define TOV_OFFSET_(T, member, Type) ::tov::detail::checked_offset<decltype(T::member), Type>(offsetof(T, member))
-#define TOV_FIELD_VARINT(T, number, member)                                                            \
-    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, 0, #member)
-#define TOV_FIELD_VARINT_DEFAULT(T, number, member, value)                                             \
-    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, value, #member)
-#define TOV_FIELD_VARINT64(T, number, member)                                                          \
-    ::tov::detail::field(number, ::tov::detail::Kind::Varint64, TOV_OFFSET_(T, member, uint64_t), 0, nullptr, 0, #member)
-#define TOV_FIELD_BOOL(T, number, member)                                                              \
-    ::tov::detail::field(number, ::tov::detail::Kind::Bool, TOV_OFFSET_(T, member, uint8_t), 0, nullptr, 0, #member)
-#define TOV_FIELD_STRING(T, number, member)                                                            \
-    ::tov::detail::field(number, ::tov::detail::Kind::String, TOV_OFFSET_(T, member, char *), 0, nullptr, 0, #member)
-#define TOV_FIELD_MESSAGE(T, number, member, SubT, sub_desc)                                           \
-    ::tov::detail::field(number, ::tov::detail::Kind::Message, TOV_OFFSET_(T, member, SubT), 0, &(sub_desc), 0, #member)
+#define TOV_FIELD_VARINT(T, number, member, bit)                                                            \
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, 0, #member, bit)
+#define TOV_FIELD_VARINT_DEFAULT(T, number, member, value, bit)                                             \
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint32, TOV_OFFSET_(T, member, uint32_t), 0, nullptr, value, #member, bit)
+#define TOV_FIELD_VARINT64(T, number, member, bit)                                                          \
+    ::tov::detail::field(number, ::tov::detail::Kind::Varint64, TOV_OFFSET_(T, member, uint64_t), 0, nullptr, 0, #member, bit)
+#define TOV_FIELD_BOOL(T, number, member, bit)                                                              \
+    ::tov::detail::field(number, ::tov::detail::Kind::Bool, TOV_OFFSET_(T, member, uint8_t), 0, nullptr, 0, #member, bit)
+#define TOV_FIELD_STRING(T, number, member, bit)                                                            \
+    ::tov::detail::field(number, ::tov::detail::Kind::String, TOV_OFFSET_(T, member, char *), 0, nullptr, 0, #member, bit)
+#define TOV_FIELD_MESSAGE(T, number, member, SubT, sub_desc, bit)                                           \
+    ::tov::detail::field(number, ::tov::detail::Kind::Message, TOV_OFFSET_(T, member, SubT), 0, &(sub_desc), 0, #member, bit)
 // sub_desc may be nullptr for a message that repeats itself (a data tree's children).
-#define TOV_FIELD_MESSAGES(T, number, member, count, SubT, sub_desc)                                   \
+#define TOV_FIELD_MESSAGES(T, number, member, count, SubT, sub_desc, bit)                                   \
     ::tov::detail::field(number, ::tov::detail::Kind::Messages, TOV_OFFSET_(T, member, SubT *),        \
-                         TOV_OFFSET_(T, count, uint32_t), sub_desc, 0, #member)
-#define TOV_FIELD_STRINGS(T, number, member, count)                                                    \
+                         TOV_OFFSET_(T, count, uint32_t), sub_desc, 0, #member, bit)
+#define TOV_FIELD_STRINGS(T, number, member, count, bit)                                                    \
     ::tov::detail::field(number, ::tov::detail::Kind::Strings, TOV_OFFSET_(T, member, char **),        \
-                         TOV_OFFSET_(T, count, uint32_t), nullptr, 0, #member)
+                         TOV_OFFSET_(T, count, uint32_t), nullptr, 0, #member, bit)
 // A payload flag has no member; its name is given.
-#define TOV_FIELD_FLAG(number, name, sub_desc)                                                         \
-    ::tov::detail::field(number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0, name)
+#define TOV_FIELD_FLAG(number, name, sub_desc, bit)                                                    \
+    ::tov::detail::field(number, ::tov::detail::Kind::Flag, 0, 0, &(sub_desc), 0, name, bit)
 
-#define TOV_DESCRIBE(name, T, fields) ::tov::detail::describe(name, sizeof(T), offsetof(T, present), fields)
+#define TOV_DESCRIBE(name, T, fields)                                                                  \
+    ::tov::detail::describe(name, sizeof(T), offsetof(T, present), sizeof(T::present), fields)

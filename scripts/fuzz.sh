@@ -14,10 +14,7 @@ if [ ! -x "$build/tests/fuzz/fuzz_codec" ]; then
 fi
 [ -d "$build/fuzz-corpus/request" ] || (cd "$build" && ctest -R fuzz_corpus >/dev/null)
 
-all=(attribute node_info edit_ins_key edit_ins datatree schema schemas_list logging_set settings_set
-     mdt_yang_resolve datastore start_session stop_session lock unlock delete_config discard_changes
-     cancel_commit filter get get_config edit_config validate commit copy_config cli_config cli_show
-     invoke_rpc error_message error request_result response request)
+mapfile -t all < <("$build/tests/fuzz/fuzz_codec" --list-messages)
 seconds=${1:-}
 shift || true
 messages=("$@")

@@ -5,7 +5,7 @@ set -u
 
 need=(cmake make g++ pkg-config python3
       libsafec-dev libgtest-dev libgmock-dev libboost-dev libprotobuf-dev protobuf-compiler
-      libbenchmark-dev libprotobuf-c-dev protobuf-c-compiler clang libclang-rt-14-dev
+      libbenchmark-dev libprotobuf-c-dev protobuf-c-compiler valgrind clang libclang-rt-14-dev
       g++-multilib libsafec-dev:i386 libgtest-dev:i386 qemu-user)
 # libprotobuf for i386 lets the 32-bit build run the interoperability tests too; when Debian's
 # i386 archive cannot supply it, that build skips them and says so.

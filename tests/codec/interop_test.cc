@@ -91,7 +91,7 @@ void expect_same(const MessageDesc &d, const uint8_t *rec, const pb::Message &m,
             sent = b && load<const char *>(member);
             break;
         case Kind::Message:
-            sent = b || !detail::is_empty(*f.sub, member);
+            sent = b || !is_empty(*f.sub, member);
             break;
         case Kind::Messages:
         case Kind::Strings:

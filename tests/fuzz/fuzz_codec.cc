@@ -1,4 +1,5 @@
-// libFuzzer target for every decoder: `fuzz_codec --message=request [libFuzzer flags] [corpus...]`.
+// libFuzzer target for every decoder: `fuzz_codec --message=request [libFuzzer flags] [corpus...]`;
+// `fuzz_codec --list-messages` names them all.
 // Each input is decoded; a decoded record must re-encode, duplicate to a copy that encodes to the
 // same bytes, and decode again from those bytes to the same bytes. The same input is then decoded
 // and duplicated once more with one allocation failing, which must give -4 and stay releasable.
@@ -94,6 +95,10 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
     for (int i = 1; i < *argc; ++i) {
         std::string_view arg = (*argv)[i];
         if (arg.rfind("--message=", 0) == 0) name = arg.substr(10);
+        if (arg == "--list-messages") { // one name a line, for scripts/fuzz.sh
+            for (const PublicCodec &c : tov::test::kPublicCodecs) std::printf("%s\n", c.desc->name);
+            std::exit(0);
+        }
     }
     for (const PublicCodec &c : tov::test::kPublicCodecs)
         if (name == c.desc->name) g_codec = &c;

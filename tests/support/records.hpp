@@ -27,6 +27,11 @@ inline Bytes encode(const detail::MessageDesc &desc, const void *record) {
     return out;
 }
 
+// True when the record's encoding is empty.
+inline bool is_empty(const detail::MessageDesc &desc, const void *record) {
+    return detail::encode(desc, record, nullptr, 0, nullptr, nullptr) == 0;
+}
+
 inline std::string hex(const Bytes &b) {
     std::string s;
     char buf[4];

@@ -1,0 +1,7 @@
+// The exported functions of every message, one list entry each.
+#include "codec/envelope_tables.hpp"
+#include "codec/exports.hpp"
+
+using namespace tov::detail;
+
+TOV_MESSAGES(TOV_CODEC)
