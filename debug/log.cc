@@ -8,10 +8,6 @@
 
 namespace tov::detail {
 
-// Marks the records the library writes: one text line each, of the debug-line kind.
-constexpr uint32_t kTraceRecordFlags = 0x1000000;
-constexpr uint32_t kTraceRecordType = 257;
-
 void trace_line(const DebugContext *dctx, const char *format, ...) {
     char line[TOV_DEBUG_TRACE_LINE_SIZE];
     va_list args;

@@ -26,6 +26,10 @@
 
 namespace tov::detail {
 
+// Marks the records the library writes: text lines of the debug-line kind.
+inline constexpr uint32_t kTraceRecordFlags = 0x1000000;
+inline constexpr uint32_t kTraceRecordType = 257;
+
 inline DebugContext *log_target(DebugContext *c) { return c; }
 inline const DebugContext *log_target(const DebugContext *c) { return c; }
 inline DebugContext *log_target(FrameworkContext *c) { return &c->debug; }

@@ -189,11 +189,15 @@ TOV_API int tov_string_hash_cmp(const void *a, const void *b) {
 }
 
 TOV_API uint32_t tov_safe_strcmp(const char *dest, size_t dmax, const char *src, int *diff) {
-    errno_t rc = ESUNTERM;
-    // strcmp_s does not fail on a dest unterminated within dmax: it compares past the bound.
-    bool in_range = dest != nullptr && dmax != 0 && dmax <= kStrMax;
-    if (!in_range || strnlen_s(dest, dmax) < dmax) rc = strcmp_s(dest, dmax, src, diff);
-    if (rc == EOK) return 0;
+    // strcmp_s reads dest[dmax], one byte past the bound, exactly when the first dmax bytes of dest
+    // are characters equal to src's. There the bound counts as dest's end, which is what strcmp_s
+    // reports whenever that byte is the terminator; everywhere else strcmp_s answers.
+    if (dest && src && diff && dmax != 0 && dmax <= kStrMax && strnlen_s(dest, dmax) == dmax &&
+        std::strncmp(dest, src, dmax) == 0) {
+        *diff = -static_cast<int>(static_cast<unsigned char>(src[dmax]));
+        return 0;
+    }
+    if (strcmp_s(dest, dmax, src, diff) == EOK) return 0;
     if (diff != nullptr && *diff == 0) *diff = 1;
     return TOV_RC_BAD_ARGUMENT;
 }

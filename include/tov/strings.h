@@ -116,8 +116,10 @@ TOV_API uint32_t tov_string_hash_calc(const void *string);
 TOV_API int tov_string_hash_cmp(const void *a, const void *b);
 
 /* libsafec's strcmp_s, strncat_s and strncpy_s with library result codes: 0 or
- * TOV_RC_BAD_ARGUMENT. tov_safe_strcmp refuses a `dest` not terminated within dmax, and on any
- * failure turns a difference of 0 into 1, so a failed comparison never reads as equal. A count
+ * TOV_RC_BAD_ARGUMENT. tov_safe_strcmp reports what strcmp_s reports, except that it never reads
+ * dest[dmax]: when the first dmax bytes of `dest` are characters equal to those of `src`, the bound
+ * counts as the end of `dest` (so "abc" with dmax 3 equals "abc"). On any failure it turns a
+ * difference of 0 into 1, so a failed comparison never reads as equal. A count
  * of 0 makes tov_safe_strncat and tov_safe_strncpy return 0 without touching `dest`. */
 TOV_API uint32_t tov_safe_strcmp(const char *dest, size_t dmax, const char *src, int *diff);
 TOV_API uint32_t tov_safe_strncat(char *dest, size_t dmax, const char *src, size_t slen);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,16 @@ inline std::string ptr(const void *p) {
     char text[32];
     std::snprintf(text, sizeof text, "%p", p);
     return text;
+}
+
+// The line of `file` (relative to the source tree) where `text` first appears: the line number a
+// logging statement puts in its trace-ring copy. 0 when not found.
+inline int source_line(const char *file, const char *text) {
+    std::ifstream in(std::string(TOV_SOURCE_DIR) + "/" + file);
+    std::string line;
+    for (int n = 1; std::getline(in, line); ++n)
+        if (line.find(text) != std::string::npos) return n;
+    return 0;
 }
 
 // Points TOV_TRACE_DIR at a fresh directory for the life of the object.
