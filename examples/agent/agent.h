@@ -75,7 +75,7 @@ typedef struct Engine {
     DebugContext *me;
     const char *dir;
     DataTree ds[DS_COUNT];      /* each a root named "data" whose children are the top-level nodes */
-    uint32_t lock_holder[DS_COUNT];
+    uint32_t lock_holder[DS_COUNT]; /* session id, 0 when unlocked */
     int candidate_dirty;        /* candidate differs from running */
     /* a confirmed commit waiting for its confirmation */
     int confirm_pending;
@@ -110,6 +110,8 @@ uint32_t engine_handle(Engine *engine, RequestContext *rctx, Session **session, 
 /* A session ends (stop-session, kill, its client left): its locks go, its unconfirmed commit is
  * rolled back. Destroys the session. */
 void engine_session_end(Engine *engine, Session *session);
+/* A connection closed: the sessions bound to it end. */
+void engine_client_gone(Engine *engine, uint32_t client);
 /* Rolls back a confirmed commit whose time ran out. Milliseconds until the next deadline, or -1. */
 int engine_tick(Engine *engine);
 

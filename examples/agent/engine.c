@@ -563,6 +563,17 @@ static uint32_t discard_changes(Engine *e, const Session *s, RequestResult *resu
 
 /* ---- sessions ---- */
 
+void engine_client_gone(Engine *e, uint32_t client) {
+    for (uint32_t i = e->session_count; i-- > 0;) {
+        Session *s = tov_session_find(e->framework, e->session_ids[i]);
+        if (!s || s->user[0] != client) continue;
+        AGENT_LOG(e->me, TOV_MSG_WARNING, TOV_DEBUG_OP_COUNT, "client %" PRIu32 " left: session %" PRIu32 " ends", client,
+                  s->session_id);
+        engine_session_end(e, s);
+        if (i > e->session_count) i = e->session_count;
+    }
+}
+
 void engine_session_end(Engine *e, Session *session) {
     for (int ds = 0; ds < DS_COUNT; ++ds)
         if (e->lock_holder[ds] == session->session_id) e->lock_holder[ds] = 0;
@@ -666,7 +677,9 @@ uint32_t engine_handle(Engine *e, RequestContext *rctx, Session **session, uint3
             return AGENT_ME_RESOURCE_DENIED;
         }
         e->session_ids[e->session_count++] = created->session_id;
-        created->user[0] = client;
+        /* number_3 1: the session outlives its connection (one request per connection) */
+        const StartSession *st = &rq->start_session;
+        created->user[0] = tov_bit_is_set(st->present, TOV_START_SESSION_BIT_NUMBER_3) && st->number_3 == 1 ? 0 : client;
         *session = created;
         response->code = created->session_id;
         tov_bit_set(response->present, TOV_RESPONSE_BIT_CODE);

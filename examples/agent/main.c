@@ -58,8 +58,6 @@ typedef struct Conn {
     uint8_t *out;
     size_t out_len, out_off, out_cap;
     int closing; /* close once the output is written */
-    uint32_t *sessions;
-    uint32_t session_count, session_cap;
 } Conn;
 
 static volatile sig_atomic_t g_stop = 0;
@@ -174,8 +172,8 @@ static void refuse(Conn *c, const char *tag, const char *message) {
 /* ---- the road of one request ---- */
 
 static void trace_tree(uint32_t op, const DataTree *tree, const char *title) {
-    if (tree->name || tree->children_count) tov_gpb_datatree_trace_internal(&g_me, tree, title);
     (void)op;
+    if (tree->name || tree->value || tree->children_count) tov_gpb_datatree_trace_internal(&g_me, tree, title);
 }
 
 static void trace_request(const Request *rq) {
@@ -199,18 +197,6 @@ static void trace_response(uint32_t op, const Response *response) {
         trace_tree(op, &response->error.error_path, "response error-path");
         trace_tree(op, &response->error.error_info, "response error-info");
     }
-}
-
-static int remember_session(Conn *c, uint32_t id) {
-    if (c->session_count == c->session_cap) {
-        uint32_t cap = c->session_cap ? c->session_cap * 2 : 4;
-        uint32_t *grown = realloc(c->sessions, cap * sizeof *grown);
-        if (!grown) return -1;
-        c->sessions = grown;
-        c->session_cap = cap;
-    }
-    c->sessions[c->session_count++] = id;
-    return 0;
 }
 
 static void handle_request(Conn *c, const uint8_t *bytes, uint32_t length) {
@@ -243,12 +229,13 @@ static void handle_request(Conn *c, const uint8_t *bytes, uint32_t length) {
             rc = tov_me_request_result_check(&rctx, session, &result, rc);
     }
     if (rc == TOV_RC_NO_MEMORY) tov_nomem_error_set(&result);
-    if (op == TOV_OP_START_SESSION && session && remember_session(c, session->session_id) != 0) {
-        engine_session_end(&g_engine, session);
-        tov_nomem_error_set(&result);
-    }
     fill_response(&response, &result, message_id);
-    if (!response.success) g_engine.failures++;
+    if (!response.success) {
+        g_engine.failures++;
+        AGENT_LOG(&g_me, TOV_MSG_ERROR, op, "ses=%p,op=%u,%s failed: %s: %s", (void *)session, op, tov_debug_op_name(op),
+                  response.error.error_tag ? response.error.error_tag : "(no error detail)",
+                  response.error.error_message.text ? response.error.error_message.text : "");
+    }
     trace_response(op, &response);
     if (queue_response(c, &response) != 0) c->closing = 1;
     kesh_tov_response_free_ext(&response, tov_gpb_free, 0, 0);
@@ -304,18 +291,10 @@ static int read_input(Conn *c) {
 }
 
 static void close_conn(Conn *c) {
-    for (uint32_t i = 0; i < c->session_count; ++i) {
-        Session *s = tov_session_find(&g_framework, c->sessions[i]);
-        if (s && s->user[0] == c->id) {
-            AGENT_LOG(&g_framework.debug, TOV_MSG_WARNING, TOV_DEBUG_OP_COUNT,
-                      "client %" PRIu32 " left: session %" PRIu32 " ends", c->id, c->sessions[i]);
-            engine_session_end(&g_engine, s);
-        }
-    }
+    engine_client_gone(&g_engine, c->id);
     close(c->fd);
     free(c->in);
     free(c->out);
-    free(c->sessions);
     free(c);
     g_engine.clients--;
 }
