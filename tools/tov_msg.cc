@@ -290,9 +290,13 @@ struct Parser {
         value.clear();
         while (pos < text.size() && (text[pos] == '"' || text[pos] == '\'')) {
             const char quote = text[pos];
+            const unsigned quote_line = line, quote_column = column;
             advance();
             for (;;) {
-                if (pos >= text.size() || text[pos] == '\n') return fail("unterminated string");
+                if (pos >= text.size() || text[pos] == '\n') {
+                    line = quote_line, column = quote_column;
+                    return fail("unterminated string");
+                }
                 char c = text[pos];
                 if (c == quote) {
                     advance();

@@ -331,7 +331,8 @@ static uint32_t validate(Engine *e, const Request *rq, RequestResult *result, Re
 /* ---- retrieval ---- */
 
 static int has_filter(const Filter *f) {
-    return tov_bit_is_set(f->present, TOV_FILTER_BIT_TREE) || f->tree.children_count != 0;
+    return tov_bit_is_set(f->present, TOV_FILTER_BIT_FILTER_TYPE) || tov_bit_is_set(f->present, TOV_FILTER_BIT_TREE) ||
+           f->tree.children_count != 0;
 }
 
 static uint32_t answer(RequestResult *result, Response *response, const DataTree *data, const Filter *filter) {

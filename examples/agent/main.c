@@ -194,7 +194,8 @@ static void trace_response(uint32_t op, const Response *response) {
     if (!tov_debug_should_log_op(&g_me, TOV_MSG_DEBUG, op)) return;
     trace_tree(op, &response->data, "response data");
     if (response->error.error_tag) {
-        trace_tree(op, &response->error.error_path, "response error-path");
+        if (response->error.error_path.value)
+            AGENT_LOG(&g_me, TOV_MSG_DEBUG, op, "op=%u,error-path %s", op, response->error.error_path.value);
         trace_tree(op, &response->error.error_info, "response error-info");
     }
 }
@@ -340,20 +341,17 @@ static int open_socket(const char *path) {
 
 static void serve(int listener) {
     Conn **conns = NULL;
-    size_t count = 0, cap = 0;
+    size_t count = 0, cap = 0, poll_cap = 0;
     struct pollfd *fds = NULL;
     uint32_t next_id = 1;
     sigset_t unblocked;
     sigemptyset(&unblocked);
     while (!g_stop) {
-        if (cap < count + 1) {
-            size_t grown_cap = cap ? cap * 2 : 16;
-            Conn **grown = realloc(conns, grown_cap * sizeof *grown);
-            struct pollfd *grown_fds = grown ? realloc(fds, (grown_cap + 1) * sizeof *grown_fds) : NULL;
-            if (grown) conns = grown;
-            if (!grown_fds) break;
-            fds = grown_fds;
-            cap = grown_cap;
+        if (!fds || poll_cap < count + 1) {
+            struct pollfd *grown = realloc(fds, (count + 1) * sizeof *grown);
+            if (!grown) break;
+            fds = grown;
+            poll_cap = count + 1;
         }
         fds[0] = (struct pollfd){.fd = listener, .events = POLLIN};
         for (size_t i = 0; i < count; ++i) {
@@ -384,9 +382,18 @@ static void serve(int listener) {
             for (;;) {
                 int fd = accept4(listener, NULL, NULL, SOCK_CLOEXEC | SOCK_NONBLOCK);
                 if (fd < 0) break;
+                if (count == cap) {
+                    size_t grown_cap = cap ? cap * 2 : 16;
+                    Conn **grown = realloc(conns, grown_cap * sizeof *grown);
+                    if (!grown) {
+                        close(fd);
+                        break;
+                    }
+                    conns = grown;
+                    cap = grown_cap;
+                }
                 Conn *c = calloc(1, sizeof *c);
-                if (!c || count == cap) {
-                    free(c);
+                if (!c) {
                     close(fd);
                     break;
                 }
