@@ -89,6 +89,10 @@ typedef struct Engine {
     /* live sessions, for "get" */
     uint32_t session_ids[AGENT_MAX_SESSIONS];
     uint32_t session_count;
+    /* a tree lent to the response being written, and get's frame around running's nodes */
+    int data_lent;
+    DataTree scratch;
+    uint32_t scratch_borrowed;
     /* counters for "get" */
     uint64_t requests, failures, commits, rollbacks;
     uint32_t clients;
@@ -107,6 +111,8 @@ void engine_cleanup(Engine *engine);
  * the request ended it. `client` is the connection's id, kept in the sessions it starts. */
 uint32_t engine_handle(Engine *engine, RequestContext *rctx, Session **session, uint32_t client,
                        RequestResult *result, Response *response);
+/* The response is written: takes back what the engine lent it. Call before freeing it. */
+void engine_response_sent(Engine *engine, Response *response);
 /* A session ends (stop-session, kill, its client left): its locks go, its unconfirmed commit is
  * rolled back. Destroys the session. */
 void engine_session_end(Engine *engine, Session *session);

@@ -249,8 +249,8 @@ static int edit_children(EditCtx *c, DataTree *target, const DataTree *edit, uin
     return worst;
 }
 
-/* Structural checks without a schema: names present, list entries with their key leaves, no two
- * siblings naming the same node. */
+/* Structural checks without a schema: names present, list entries with their key leaves and no two
+ * entries with the same keys. Other same-named siblings (leaf-lists, keyless lists) are kept. */
 static int validate_children(EditCtx *c, const DataTree *tree) {
     if (c->depth >= AGENT_MAX_DEPTH) return data_error(c, TOV_ERROR_TYPE_APPLICATION, "too-big", "The tree is too deep.");
     for (uint32_t i = 0; i < tree->children_count; ++i) {
@@ -263,7 +263,7 @@ static int validate_children(EditCtx *c, const DataTree *tree) {
         if (!n->name) rc = data_error(c, TOV_ERROR_TYPE_PROTOCOL, "missing-element", "A node has no name.");
         for (uint32_t k = 0; k < keys && !rc; ++k)
             if (!values[k]) rc = data_error(c, TOV_ERROR_TYPE_APPLICATION, "missing-element", "A list entry lacks a key leaf.");
-        if (!rc && tree_find(tree, n) != (int64_t)i)
+        if (!rc && keys && tree_find(tree, n) != (int64_t)i)
             rc = data_error(c, TOV_ERROR_TYPE_APPLICATION, "invalid-value", "Two nodes name the same data.");
         if (!rc) rc = validate_children(c, n);
         c->depth--;
@@ -335,14 +335,17 @@ static int has_filter(const Filter *f) {
            f->tree.children_count != 0;
 }
 
-static uint32_t answer(RequestResult *result, Response *response, const DataTree *data, const Filter *filter) {
+/* Unfiltered answers lend the tree itself to the response instead of copying it: the agent writes
+ * the response before anything can change the tree, and takes the loan back before freeing. */
+static uint32_t answer(Engine *e, RequestResult *result, Response *response, const DataTree *data, const Filter *filter) {
     if (filter && has_filter(filter)) {
         if (tov_bit_is_set(filter->present, TOV_FILTER_BIT_FILTER_TYPE) && filter->filter_type != 0)
             return fail(result, TOV_ERROR_TYPE_PROTOCOL, "operation-not-supported", "Only subtree filters are supported.");
         if (tree_copy_shell(&response->data, data) != 0 || tree_filter(&response->data, data, &filter->tree) != 0)
             return TOV_RC_NO_MEMORY;
-    } else if (tree_copy(&response->data, data) != 0) {
-        return TOV_RC_NO_MEMORY;
+    } else {
+        response->data = *data;
+        e->data_lent = 1;
     }
     tov_bit_set(response->present, TOV_RESPONSE_BIT_DATA);
     return 0;
@@ -351,7 +354,7 @@ static uint32_t answer(RequestResult *result, Response *response, const DataTree
 static uint32_t get_config(Engine *e, const Request *rq, RequestResult *result, Response *response) {
     int ds = datastore_index(&rq->get_config.source, DS_RUNNING);
     if (ds < 0) return bad_datastore(result);
-    return answer(result, response, &e->ds[ds], &rq->get_config.filter);
+    return answer(e, result, response, &e->ds[ds], &rq->get_config.filter);
 }
 
 static DataTree *add_container(DataTree *parent, const char *name, uint32_t room) {
@@ -365,14 +368,40 @@ static int add_number(DataTree *parent, const char *name, uint64_t value) {
     return tree_add_leaf(parent, name, text) ? 0 : -1;
 }
 
+/* Frees a tree whose first `borrowed` children belong to someone else. */
+static void release_scratch(DataTree *tree, uint32_t borrowed) {
+    if (tree->children)
+        for (uint32_t i = borrowed; i < tree->children_count; ++i) tree_clear(&tree->children[i]);
+    tov_gpb_free(tree->children, 0);
+    tov_gpb_free(tree->name, 0);
+    memset(tree, 0, sizeof *tree);
+}
+
+void engine_response_sent(Engine *e, Response *response) {
+    if (e->data_lent) {
+        memset(&response->data, 0, sizeof response->data);
+        tov_bit_clear(response->present, TOV_RESPONSE_BIT_DATA);
+        e->data_lent = 0;
+    }
+    if (e->scratch.name) release_scratch(&e->scratch, e->scratch_borrowed);
+}
+
 /* Running plus the agent's own state: its sessions, locks and counters. */
 static uint32_t get(Engine *e, const Request *rq, const uint32_t *sessions, uint32_t session_count, RequestResult *result,
                     Response *response) {
     kor_named_stats memory;
     kor_named_get_stats(NULL, &memory);
+    /* running's top-level nodes are borrowed, not copied; only the state is made here */
+    const DataTree *run = &e->ds[DS_RUNNING];
     DataTree all;
+    memset(&all, 0, sizeof all);
     uint32_t rc = TOV_RC_NO_MEMORY;
-    if (tree_copy(&all, &e->ds[DS_RUNNING]) != 0 || tree_reserve(&all, 1) != 0) goto out;
+    if (!(all.name = tree_strdup("data"))) goto out;
+    tov_bit_set(all.present, TOV_DATATREE_BIT_NAME);
+    if (!(all.children = tov_gpb_alloc((run->children_count + 1) * (uint32_t)sizeof(DataTree), 0))) goto out;
+    if (run->children_count) memcpy(all.children, run->children, run->children_count * sizeof(DataTree));
+    all.children_count = run->children_count;
+    tov_bit_set(all.present, TOV_DATATREE_BIT_CHILDREN);
     DataTree *state = add_container(&all, "agent-state", 3);
     if (!state || !(state->qualifier = tree_strdup(AGENT_NAMESPACE))) goto out;
     tov_bit_set(state->present, TOV_DATATREE_BIT_QUALIFIER);
@@ -401,9 +430,14 @@ static uint32_t get(Engine *e, const Request *rq, const uint32_t *sessions, uint
         add_number(stats, "commits", e->commits) || add_number(stats, "rollbacks", e->rollbacks) ||
         add_number(stats, "clients", e->clients) || add_number(stats, "live-blocks", memory.live_blocks))
         goto out;
-    rc = answer(result, response, &all, &rq->get.filter);
+    rc = answer(e, result, response, &all, &rq->get.filter);
+    if (rc == 0 && e->data_lent) {
+        e->scratch = all;
+        e->scratch_borrowed = run->children_count;
+        return 0;
+    }
 out:
-    tree_clear(&all);
+    release_scratch(&all, run->children_count);
     return rc;
 }
 

@@ -239,6 +239,7 @@ static void handle_request(Conn *c, const uint8_t *bytes, uint32_t length) {
     }
     trace_response(op, &response);
     if (queue_response(c, &response) != 0) c->closing = 1;
+    engine_response_sent(&g_engine, &response);
     kesh_tov_response_free_ext(&response, tov_gpb_free, 0, 0);
     kesh_tov_request_free_ext(&rq, tov_gpb_free, 0, 0);
 }
