@@ -324,7 +324,10 @@ TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
         {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"candidate\" } filter { tree { children { name: \"interfaces\" children { name: \"interface\" children { name: \"name\" value: \"eth2\" } } } } } }", true, {"eth2"}, {"eth0"}, 0},
         {"operation: 0 message_id: \"m\" session_id: SID get_config { filter { filter_type: 1 } }", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
         {"operation: 2 message_id: \"m\" session_id: SID", true, {}, {}, 0},
-        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" } children { name: \"x\" } } }", false, {"error_tag: \"invalid-value\"", "value: \"x\""}, {}, 0},
+        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" } children { name: \"x\" } } }", true, {}, {}, 0},
+        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } "
+         "children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } } }", false, {"error_tag: \"invalid-value\"", "value: \"x[id = \\'1\\']\""}, {}, 0},
+        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } } } }", false, {"error_tag: \"missing-element\""}, {}, 0},
         {commit, true, {}, {}, 0},
         {get_run, true, {"eth0", "eth2"}, {}, 0},
         {"operation: 6 message_id: \"m\" session_id: SID", false, {"error_tag: \"invalid-value\"", "No confirmed commit is pending."}, {}, 0},
