@@ -38,27 +38,33 @@ void mark_truncated(TraceText &t) {
 }
 
 __attribute__((format(printf, 2, 3))) uint32_t append(TraceText &t, const char *format, ...) {
-    if (t.fill >= kTextSize) return TOV_RC_BAD_ARGUMENT;
+    if (t.fill >= kTextSize)
+        return TOV_RC_BAD_ARGUMENT;
     const int32_t room = kTextSize - t.fill;
     va_list args;
     va_start(args, format);
     const int n = std::vsnprintf(t.text + t.fill, static_cast<size_t>(room), format, args);
     va_end(args);
-    if (n >= 0 && n < room) t.fill += n;
-    else mark_truncated(t);
+    if (n >= 0 && n < room)
+        t.fill += n;
+    else
+        mark_truncated(t);
     return 0;
 }
 
 // The bytes of appending "%*s" over "" with `width`, without producing padding that can never
 // fit: a node a million levels down costs no more than one near the root.
 uint32_t append_indent(TraceText &t, size_t width) {
-    if (t.fill >= kTextSize) return TOV_RC_BAD_ARGUMENT;
+    if (t.fill >= kTextSize)
+        return TOV_RC_BAD_ARGUMENT;
     const size_t room = static_cast<size_t>(kTextSize - t.fill);
     const size_t n = std::min(width, room - 1);
     std::memset(t.text + t.fill, ' ', n);
     t.text[static_cast<size_t>(t.fill) + n] = '\0';
-    if (width < room) t.fill += static_cast<int32_t>(width);
-    else mark_truncated(t);
+    if (width < room)
+        t.fill += static_cast<int32_t>(width);
+    else
+        mark_truncated(t);
     return 0;
 }
 
@@ -71,15 +77,21 @@ void write_out(const DebugContext &dctx, const TraceText &t) {
 // Sends the waiting lines once there are enough of them; a closed ring discards them. Emptying
 // the text too means a final write with nothing waiting is an empty record, not a repeat.
 void flush(const DebugContext *dctx, TraceText &t) {
-    if (!dctx || t.fill < kFlushAt || t.fill > kTextSize) return;
-    if (dctx->trace_open) write_out(*dctx, t);
+    if (!dctx || t.fill < kFlushAt || t.fill > kTextSize)
+        return;
+    if (dctx->trace_open)
+        write_out(*dctx, t);
     t.fill = 0;
     t.text[0] = '\0';
 }
 
-const char *or_empty(const char *s) { return s ? s : ""; }
+const char *or_empty(const char *s) {
+    return s ? s : "";
+}
 
-bool has(const DataTree &node, unsigned bit) { return tov_bit_is_set(node.present, bit); }
+bool has(const DataTree &node, unsigned bit) {
+    return tov_bit_is_set(node.present, bit);
+}
 
 constexpr const char *kEditOperations[] = {" (merge)", " (replace)", " (create)", " (delete)", " (remove)"};
 
@@ -89,17 +101,22 @@ uint32_t child_line(const DebugContext *dctx, TraceText &t, const DataTree &c, s
     if (rc == 0)
         rc = mode == ChildMode::Qualified ? append(t, "%s (%s)", or_empty(c.name), or_empty(c.qualifier))
                                           : append(t, "%s", or_empty(c.name));
-    if (rc == 0 && has(c, TOV_DATATREE_BIT_VALUE)) rc = append(t, " : %s", or_empty(c.value));
+    if (rc == 0 && has(c, TOV_DATATREE_BIT_VALUE))
+        rc = append(t, " : %s", or_empty(c.value));
     if (mode == ChildMode::Plain) {
         if (rc == 0 && has(c, TOV_DATATREE_BIT_OPERATION))
-            rc = append(t, "%s", c.operation < std::size(kEditOperations) ? kEditOperations[c.operation] : " (-)");
+            rc = append(t, "%s",
+                        c.operation < std::size(kEditOperations) ? kEditOperations[c.operation] : " (-)");
         if (rc == 0 && has(c, TOV_DATATREE_BIT_ATTRIBUTES) && c.attributes) {
             for (uint32_t i = 0; i < c.attributes_count; ++i)
-                if (append(t, " %s=%s", or_empty(c.attributes[i].name), or_empty(c.attributes[i].value)) != 0) break;
+                if (append(t, " %s=%s", or_empty(c.attributes[i].name), or_empty(c.attributes[i].value)) != 0)
+                    break;
         }
     }
-    if (rc == 0) rc = append(t, "\n");
-    if (rc == 0) flush(dctx, t);
+    if (rc == 0)
+        rc = append(t, "\n");
+    if (rc == 0)
+        flush(dctx, t);
     return rc;
 }
 
@@ -114,7 +131,8 @@ struct Level {
 // Children in array order, each followed by its own subtree, the root's children at depth 2.
 // Depth lives on the walk stack, not the C stack.
 uint32_t walk_children(const DebugContext *dctx, TraceText &t, const DataTree &root, ChildMode mode) {
-    if (!root.children || root.children_count < 1) return 0;
+    if (!root.children || root.children_count < 1)
+        return 0;
     WalkStack<Level, 64> stack;
     (void)stack.push(Level{root.children, root.children_count, 0, 0});
     for (;;) {
@@ -122,7 +140,8 @@ uint32_t walk_children(const DebugContext *dctx, TraceText &t, const DataTree &r
         if (level.next >= level.count) {
             const uint32_t result = level.result;
             stack.pop();
-            if (stack.empty()) return result;
+            if (stack.empty())
+                return result;
             stack.top().result = result; // a failed subtree does not stop its parent's siblings
             continue;
         }
@@ -132,7 +151,8 @@ uint32_t walk_children(const DebugContext *dctx, TraceText &t, const DataTree &r
             level.next = level.count;
         } else if (has(child, TOV_DATATREE_BIT_CHILDREN) && child.children && child.children_count >= 1) {
             // On failure the stack is unchanged, so `level` is still valid.
-            if (!stack.push(Level{child.children, child.children_count, 0, 0})) level.result = TOV_RC_NO_MEMORY;
+            if (!stack.push(Level{child.children, child.children_count, 0, 0}))
+                level.result = TOV_RC_NO_MEMORY;
         }
     }
 }
@@ -140,19 +160,25 @@ uint32_t walk_children(const DebugContext *dctx, TraceText &t, const DataTree &r
 } // namespace
 
 uint32_t print_tree(DebugContext *dctx, const DataTree *tree, const char *title, ChildMode mode) {
-    if (!dctx || !tree) return TOV_RC_BAD_ARGUMENT;
+    if (!dctx || !tree)
+        return TOV_RC_BAD_ARGUMENT;
     TraceText t{};
     uint32_t rc = title ? append(t, "%s:\n", title) : 0;
     if (rc == 0 && has(*tree, TOV_DATATREE_BIT_NAME)) {
         // The root's operation and attributes are never printed.
         const char *name = or_empty(tree->name), *qualifier = or_empty(tree->qualifier);
-        if (!has(*tree, TOV_DATATREE_BIT_QUALIFIER)) rc = append(t, "    %s\n", name);
-        else if (has(*tree, TOV_DATATREE_BIT_VALUE)) rc = append(t, "    %s (%s) : %s\n", name, qualifier, or_empty(tree->value));
-        else rc = append(t, "    %s (%s)\n", name, qualifier);
+        if (!has(*tree, TOV_DATATREE_BIT_QUALIFIER))
+            rc = append(t, "    %s\n", name);
+        else if (has(*tree, TOV_DATATREE_BIT_VALUE))
+            rc = append(t, "    %s (%s) : %s\n", name, qualifier, or_empty(tree->value));
+        else
+            rc = append(t, "    %s (%s)\n", name, qualifier);
         flush(dctx, t);
-        if (rc == 0) rc = walk_children(dctx, t, *tree, mode);
+        if (rc == 0)
+            rc = walk_children(dctx, t, *tree, mode);
     }
-    if (t.fill >= 1 && dctx->trace_open) write_out(*dctx, t);
+    if (t.fill >= 1 && dctx->trace_open)
+        write_out(*dctx, t);
     return rc;
 }
 
@@ -162,10 +188,13 @@ using namespace tov::detail;
 
 extern "C" {
 
-TOV_API void *tov_gpb_alloc(uint32_t size, uintptr_t) { return kor_named_calloc(1, size, kGpbLabel, 0); }
+TOV_API void *tov_gpb_alloc(uint32_t size, uintptr_t) {
+    return kor_named_calloc(1, size, kGpbLabel, 0);
+}
 
 TOV_API void tov_gpb_free(void *pointer, uintptr_t) {
-    if (pointer) kor_named_free(pointer);
+    if (pointer)
+        kor_named_free(pointer);
 }
 
 TOV_API DataTree *tov_gpb_datatree_create(FrameworkContext *ctx, unsigned count) {
@@ -176,33 +205,38 @@ TOV_API DataTree *tov_gpb_datatree_create(FrameworkContext *ctx, unsigned count)
         TOV_ERR(ctx, "TOV datatree allocation failed");
         return nullptr;
     }
-    if (count != 0) std::memset(nodes, 0, count * sizeof(DataTree));
+    if (count != 0)
+        std::memset(nodes, 0, count * sizeof(DataTree));
     return nodes;
 }
 
-TOV_API uint32_t tov_gpb_datatree_trace_internal(DebugContext *dctx, const DataTree *tree, const char *title) {
+TOV_API uint32_t tov_gpb_datatree_trace_internal(DebugContext *dctx, const DataTree *tree,
+                                                 const char *title) {
     return print_tree(dctx, tree, title, ChildMode::Plain);
 }
 
 TOV_API uint32_t tov_gpb_schemas_trace_internal(DebugContext *dctx, const Schema *schemas, unsigned count,
                                                 const char *title) {
-    if (!dctx || !schemas) return TOV_RC_BAD_ARGUMENT;
+    if (!dctx || !schemas)
+        return TOV_RC_BAD_ARGUMENT;
     TraceText t{};
     uint32_t rc = 0;
-    if (title && (rc = append(t, "%s:\n", title)) != 0) return rc;
+    if (title && (rc = append(t, "%s:\n", title)) != 0)
+        return rc;
     auto text = [](const Schema &s, unsigned bit, const char *value) {
         return tov_bit_is_set(s.present, bit) && value ? value : "";
     };
     for (unsigned i = 0; i < count && rc == 0; ++i) {
         const Schema &s = schemas[i];
-        rc = append(t, "    [%d]: %s, %s, %s, %s, %d\n", static_cast<int>(i), text(s, TOV_SCHEMA_BIT_TEXT_2, s.text_2),
-                    text(s, TOV_SCHEMA_BIT_TEXT_1, s.text_1), text(s, TOV_SCHEMA_BIT_TEXT_5, s.text_5),
-                    text(s, TOV_SCHEMA_BIT_TEXT_3, s.text_3),
+        rc = append(t, "    [%d]: %s, %s, %s, %s, %d\n", static_cast<int>(i),
+                    text(s, TOV_SCHEMA_BIT_TEXT_2, s.text_2), text(s, TOV_SCHEMA_BIT_TEXT_1, s.text_1),
+                    text(s, TOV_SCHEMA_BIT_TEXT_5, s.text_5), text(s, TOV_SCHEMA_BIT_TEXT_3, s.text_3),
                     tov_bit_is_set(s.present, TOV_SCHEMA_BIT_FLAG_4) ? s.flag_4 : 0);
         flush(dctx, t);
     }
     // Unlike the tree printer, a final record goes out even when nothing waits.
-    if (dctx->trace_open) write_out(*dctx, t);
+    if (dctx->trace_open)
+        write_out(*dctx, t);
     return rc;
 }
 

@@ -191,8 +191,9 @@ TOV_API int tov_string_hash_cmp(const void *a, const void *b) {
 TOV_API uint32_t tov_safe_strcmp(const char *dest, size_t dmax, const char *src, int *diff) {
     // strcmp_s reads dest[dmax], one byte past the bound, exactly when the first dmax bytes of dest
     // are characters equal to src's. There the bound counts as dest's end, which is what strcmp_s
-    // reports whenever that byte is the terminator; everywhere else strcmp_s answers.
-    if (dest && src && diff && dmax != 0 && dmax <= kStrMax && strnlen_s(dest, dmax) == dmax &&
+    // reports whenever that byte is the terminator; everywhere else strcmp_s answers. (memchr, not
+    // strnlen_s, which also looks at dest[dmax].)
+    if (dest && src && diff && dmax != 0 && dmax <= kStrMax && !std::memchr(dest, '\0', dmax) &&
         std::strncmp(dest, src, dmax) == 0) {
         *diff = -static_cast<int>(static_cast<unsigned char>(src[dmax]));
         return 0;

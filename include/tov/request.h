@@ -4,8 +4,8 @@
  * severity, message and error-info. Strings and arrays they attach come from the named allocator
  * and are released with the response (kesh_tov_response_free_ext(..., tov_gpb_free, 0, 0)). Each
  * function that reports an error also logs an ERR line; those about a request carry
- * "ses=%p,op=%u," and follow the request operation's log level. A null RequestContext stops the
- * process. */
+ * "ses=%p,op=%u," and follow the request operation's log level. A null RequestContext, or one
+ * without its framework context or request, stops the process. */
 #ifndef TOV_REQUEST_H
 #define TOV_REQUEST_H
 
@@ -45,11 +45,14 @@ TOV_API uint32_t tov_req_result_unknown_element_set(RequestContext *rctx, Sessio
  * TOV_RC_REQUEST_REFUSED (TOV_RC_NO_MEMORY or TOV_RC_BAD_ARGUMENT when the error cannot be set). */
 TOV_API uint32_t tov_req_message_id_check(RequestContext *rctx, Session *session, RequestResult *result);
 /* Finds the request's session: 0 and *session set, or an application error ("data-missing" without
- * a session id, "invalid-value" for an unknown one), *session NULL and TOV_RC_REQUEST_REFUSED. */
+ * a session id, "invalid-value" for an unknown one), *session NULL and TOV_RC_REQUEST_REFUSED
+ * (or the code of setting the error). TOV_RC_BAD_ARGUMENT for a null `session`. Unlike the other
+ * checks, it sets the error before logging it. */
 TOV_API uint32_t tov_req_session_id_lookup(RequestContext *rctx, RequestResult *result, Session **session);
 /* Turns a management engine's result code into the result: success for 0, else an application
  * error whose tag follows the code and whose message is error_code_text(code), and
- * TOV_RC_ME_REQUEST_FAILED. */
+ * TOV_RC_ME_REQUEST_FAILED (or the code of setting the error; TOV_RC_BAD_ARGUMENT for a null
+ * result). */
 TOV_API uint32_t tov_me_request_result_check(RequestContext *rctx, Session *session, RequestResult *result,
                                              uint32_t code);
 /* After running out of memory while answering: marks the result failed and drops any half-built

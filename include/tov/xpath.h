@@ -31,12 +31,16 @@ TOV_API int xpath_context_init(XPathContext *ctx);
 /* Frees the path, the aliases and the map. NULL does nothing. */
 TOV_API void xpath_context_destroy(XPathContext *ctx);
 /* Puts the step `name` (prefixed with its namespace's alias when `ns` is not NULL, with the
- * predicate [k1 = 'v1' and k2 = 'v2'] when key_count is not 0) in front of the path. A failure
- * leaves the path unchanged. */
+ * predicate [k1 = 'v1' and k2 = 'v2'] when key_count is not 0) in front of the path. Key names
+ * get no prefix and values are not escaped. 22 for a null context or name, a missing key array,
+ * or a text or path that would reach TOV_STR_MAX; 12 when memory runs out. A failure leaves the
+ * path unchanged (an alias registered on the way stays). */
 TOV_API int xpath_prepend(XPathContext *ctx, const char *name, const char *ns, const char *const *key_names,
                           const char *const *key_values, uint32_t key_count);
-/* Copies the path into error->error_path's value and one xmlns:<alias> = <namespace> attribute per
- * alias into its attributes. 22 when the error already has a path value or attributes. */
+/* Copies the path into error->error_path's value (present even when it is NULL, for an empty
+ * context or a copy that failed) and one xmlns:<alias> = <namespace> attribute per alias, in the
+ * map's own order, into its attributes. 22 when the error already has a path value or
+ * attributes, 12 when memory runs out (the value may already be set). */
 TOV_API int xpath_to_tov_error(XPathContext *ctx, Error *error);
 
 TOV_END_DECLS

@@ -1,4 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include "tests/util/util_test.hpp"
 #include "tov/kor_hashmap.h"
@@ -23,9 +27,9 @@ TEST(StringLimit, OneUnderTheLimitIsWholeAndAtTheLimitIsRefused) {
                   fits ? 0 : TOV_RC_BAD_ARGUMENT);
         EXPECT_EQ(take(joined), fits ? std::optional(s) : std::nullopt);
         EXPECT_EQ(tov_string_hash_calc(s.c_str()), fits ? kor_hash_calculate(s.data(), len) : 0);
-        int diff = 0; // a difference in the last character counts; a refusal never reads as equal
-        EXPECT_EQ(tov_safe_strcmp(s.c_str(), TOV_STR_MAX, other.c_str(), &diff) == 0, fits);
-        EXPECT_EQ(diff, fits ? '\n' - 'b' : 1);
+        int diff = 0; // a difference in the last character counts, also in a string at the limit
+        EXPECT_EQ(tov_safe_strcmp(s.c_str(), TOV_STR_MAX, other.c_str(), &diff), 0u);
+        EXPECT_EQ(diff, '\n' - 'b');
         EXPECT_EQ(tov_string_hash_cmp(s.c_str(), std::string(s).c_str()), fits ? 1 : 0);
         std::string t = s; // in place, the whole string changes or nothing does
         EXPECT_EQ(str_trim(t.data()), fits ? 0 : TOV_ESUNTERM);
@@ -46,6 +50,33 @@ TEST(Strings, DocumentedEdgeCases) {
     EXPECT_EQ(take(out), "c");
     tov_tokenize_and_get_token("a,b,c", ",", 3, &out);
     EXPECT_EQ(out, nullptr);
+}
+
+// dest ends at a page that cannot be read: a comparison that looked at dest[dmax] would crash.
+TEST(Strings, SafeStrcmpAnswersAsStrcmpSWithoutReadingPastTheBound) {
+    const long page = sysconf(_SC_PAGESIZE);
+    auto *map = static_cast<char *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(map, MAP_FAILED);
+    ASSERT_EQ(mprotect(map + page, page, PROT_NONE), 0);
+    char *abc = map + page - 3;
+    std::memcpy(abc, "abc", 3); // unterminated within its 3 bytes
+    struct Case {
+        const char *dest;
+        size_t dmax;
+        const char *src;
+        uint32_t rc;
+        int diff;
+    } cases[] = {
+        {abc, 3, "abc", 0, 0},           {abc, 3, "abcd", 0, -'d'}, {abc, 3, "abd", 0, 'c' - 'd'},
+        {abc, 3, "ab", 0, 'c'},          {"abc", 4, "abc", 0, 0},   {abc, 0, "abc", TOV_RC_BAD_ARGUMENT, 1},
+        {nullptr, 3, "abc", TOV_RC_BAD_ARGUMENT, 1},
+    };
+    for (const Case &c : cases) {
+        int diff = 7;
+        EXPECT_EQ(tov_safe_strcmp(c.dest, c.dmax, c.src, &diff), c.rc) << c.src;
+        EXPECT_EQ(diff, c.diff) << c.src;
+    }
+    munmap(map, 2 * page);
 }
 
 TEST(Strings, EveryAllocationFailureIsReportedAndLeaksNothing) {
