@@ -670,7 +670,8 @@ static uint32_t schemas_list(Engine *e, Response *response) {
         tov_bit_set(s->present, TOV_SCHEMA_BIT_TEXT_2);
         tov_bit_set(s->present, TOV_SCHEMA_BIT_TEXT_5);
     }
-    tov_gpb_schemas_trace_internal(e->me, response->schemas, response->schemas_count, "schemas-list response");
+    if (tov_debug_should_log_op(e->me, TOV_MSG_DEBUG, TOV_OP_SCHEMAS_LIST))
+        tov_gpb_schemas_trace_internal(e->me, response->schemas, response->schemas_count, "schemas-list response");
     return 0;
 }
 
