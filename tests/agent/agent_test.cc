@@ -27,6 +27,8 @@ namespace fs = std::filesystem;
 using Bytes = std::string;
 
 const bool kEmulated = std::string(TOV_AGENT_EMULATOR).size() > 0;
+// Sanitized and emulated builds run the load with fewer requests.
+const bool kLight = kEmulated || TOV_AGENT_SANITIZED;
 
 // ---- processes ----
 
@@ -94,7 +96,7 @@ TEST(MsgTool, DecodeEqualsProtocOnTheCorpusAndTheWorkloads) {
     ASSERT_EQ(wait_exit(spawn(command(TOV_CODEC_TESTS, {"--gtest_filter=Corpus.*"}), {}, t.path / "log", {})), 0);
     ::unsetenv("TOV_CORPUS_DIR");
     std::vector<std::pair<std::string, fs::path>> inputs;
-    const int per_message = kEmulated ? 2 : 8;
+    const int per_message = kLight ? 2 : 8;
     for (const auto &m : fs::directory_iterator(corpus))
         for (int k = 0; k < per_message && fs::exists(m.path() / ("seed-" + std::to_string(k))); ++k)
             inputs.emplace_back(m.path().filename(), m.path() / ("seed-" + std::to_string(k)));
@@ -449,7 +451,7 @@ TEST_F(AgentTest, BadFramesGetAnErrorAndACloseWhileTheAgentServesOn) {
 
 TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
     Agent a(t.path);
-    const int clients = kEmulated ? 4 : 20, requests = kEmulated ? 300 : 10000, batch = 100;
+    const int clients = kEmulated ? 4 : 20, requests = kLight ? 400 : 10000, batch = 100;
     const std::string admin = start_session(a);
     // one leaf per client, made before counting, so that the clients' merges only swap values
     std::string leaves;
