@@ -14,6 +14,9 @@
 #include "agent.h"
 #include "tov/gpb.h"
 
+/* Larger files are refused rather than read: no datastore of this sample comes near it. */
+#define STORE_MAX_FILE ((off_t)1 << 30)
+
 int store_load(const char *dir, const char *name, DataTree *tree) {
     char path[PATH_MAX];
     memset(tree, 0, sizeof *tree);
@@ -21,7 +24,7 @@ int store_load(const char *dir, const char *name, DataTree *tree) {
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) return errno == ENOENT ? 1 : -1;
     struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_size > (off_t)UINT32_MAX) {
+    if (fstat(fd, &st) != 0 || st.st_size > STORE_MAX_FILE) {
         close(fd);
         return -1;
     }
