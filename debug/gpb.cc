@@ -206,8 +206,7 @@ TOV_API DataTree *tov_gpb_datatree_create(FrameworkContext *ctx, unsigned count)
         TOV_ERR(ctx, "TOV datatree allocation failed");
         return nullptr;
     }
-    if (count != 0)
-        std::memset(nodes, 0, count * sizeof(DataTree));
+    if (bytes != 0) std::memset(nodes, 0, bytes);
     return nodes;
 }
 
