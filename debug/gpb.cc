@@ -199,14 +199,14 @@ TOV_API void tov_gpb_free(void *pointer, uintptr_t) {
 
 TOV_API DataTree *tov_gpb_datatree_create(FrameworkContext *ctx, unsigned count) {
     DataTree *nodes = nullptr;
-    if (count <= SIZE_MAX / sizeof(DataTree))
-        nodes = static_cast<DataTree *>(kor_named_malloc(count * sizeof(DataTree), kDatatreeLabel, 0));
+    size_t bytes = 0; // a size that does not fit is a failed allocation
+    if (!__builtin_mul_overflow(size_t{count}, sizeof(DataTree), &bytes))
+        nodes = static_cast<DataTree *>(kor_named_malloc(bytes, kDatatreeLabel, 0));
     if (!nodes) {
         TOV_ERR(ctx, "TOV datatree allocation failed");
         return nullptr;
     }
-    if (count != 0)
-        std::memset(nodes, 0, count * sizeof(DataTree));
+    if (bytes != 0) std::memset(nodes, 0, bytes);
     return nodes;
 }
 

@@ -39,78 +39,58 @@ std::string read_error(const kesh::tov::response &r) {
 }
 
 TEST(Road, EveryOutcomeFromRequestBytesToParsedResponse) {
-    tov::test::RingDir dir;
-    tov::test::Capture quiet; // the ERR lines are checked elsewhere
-    tov_debug_save_agent_name("road");
-    FrameworkContext fw{};
-    ASSERT_EQ(tov_debug_init(&fw.debug, "ROAD", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
+    tov::test::LoggedFramework logged("road"); // its ERR lines are checked elsewhere
+    FrameworkContext &fw = logged.fw;
     ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK);
     Session *session = tov_session_create(&fw);
     ASSERT_NE(session, nullptr);
     const uint64_t baseline = live();
 
-    const std::string path =
-        " | ns2:top/ns1:interfaces/ns1:interface[name = 'eth0'] xmlns:ns1=urn:a xmlns:ns2=urn:b";
-    auto me_error = [&](uint32_t code, const char *tag) {
-        return std::string("3 ") + tag + " 0 | " + error_code_text(code) + " | :" + path;
-    };
+    const std::string where = " | ns2:top/ns1:interfaces/ns1:interface[name = 'eth0'] xmlns:ns1=urn:a xmlns:ns2=urn:b";
+    const uint32_t id = session->session_id;
     struct Case {
-        const char *what;
         bool message_id, session_id;
         uint32_t id, me_code, rc;
         std::string error; // as the peer reads it; empty for success
     } cases[] = {
-        {"message id missing", false, true, session->session_id, 0, TOV_RC_REQUEST_REFUSED,
-         "1 missing-attribute 0 | Message ID is missing. | error-info: bad-attribute=message-id "
-         "bad-element=rpc | "},
-        {"session id missing", true, false, 0, 0, TOV_RC_REQUEST_REFUSED,
-         "3 data-missing 0 | Session ID is missing. | : | "},
-        {"session not found", true, true, session->session_id ^ 1u, 0, TOV_RC_REQUEST_REFUSED,
-         "3 invalid-value 0 | Entered session ID was not found. | : | "},
-        {"valid, engine succeeds", true, true, session->session_id, 0, 0, ""},
-        {"engine: invalid value", true, true, session->session_id, 0xaaf2aa00u, TOV_RC_ME_REQUEST_FAILED,
-         me_error(0xaaf2aa00u, "invalid-value")},
-        {"engine: resource denied", true, true, session->session_id, 0xaaf2b000u, TOV_RC_ME_REQUEST_FAILED,
-         me_error(0xaaf2b000u, "resource-denied")},
-        {"engine: invalid value too", true, true, session->session_id, 0xaaf2bc00u, TOV_RC_ME_REQUEST_FAILED,
-         me_error(0xaaf2bc00u, "invalid-value")},
-        {"engine: not supported", true, true, session->session_id, 0xaaf2be00u, TOV_RC_ME_REQUEST_FAILED,
-         me_error(0xaaf2be00u, "operation-not-supported")},
-        {"engine: anything else", true, true, session->session_id, TOV_RC_NO_MEMORY, TOV_RC_ME_REQUEST_FAILED,
-         me_error(TOV_RC_NO_MEMORY, "operation-failed")},
+        {false, true, id, 0, TOV_RC_REQUEST_REFUSED,
+         "1 missing-attribute 0 | Message ID is missing. | error-info: bad-attribute=message-id bad-element=rpc | "},
+        {true, false, 0, 0, TOV_RC_REQUEST_REFUSED, "3 data-missing 0 | Session ID is missing. | : | "},
+        {true, true, id ^ 1, 0, TOV_RC_REQUEST_REFUSED, "3 invalid-value 0 | Entered session ID was not found. | : | "},
+        {true, true, id, 0, 0, ""},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
+    std::vector<Case> all(std::begin(cases), std::end(cases));
+    for (auto [code, tag] : {std::pair{0xaaf2aa00u, "invalid-value"}, {0xaaf2b000u, "resource-denied"},
+                             {0xaaf2bc00u, "invalid-value"}, {0xaaf2be00u, "operation-not-supported"},
+                             {TOV_RC_NO_MEMORY, "operation-failed"}})
+        all.push_back({true, true, id, code, TOV_RC_ME_REQUEST_FAILED,
+                       std::string("3 ") + tag + " 0 | " + error_code_text(code) + " | :" + where});
+    for (const Case &c : all) {
+        SCOPED_TRACE(c.error);
         kesh::tov::request sent;
         sent.set_operation(TOV_OP_EDIT_CONFIG);
-        if (c.session_id)
-            sent.set_session_id(c.id);
-        if (c.message_id)
-            sent.set_message_id("101");
+        if (c.session_id) sent.set_session_id(c.id);
+        if (c.message_id) sent.set_message_id("101");
         sent.mutable_edit_config()->mutable_config()->set_name("interfaces");
         const std::string wire = sent.SerializeAsString();
-
         Request request;
         ASSERT_EQ(kesh_tov_request_decode_ext(&request, reinterpret_cast<const uint8_t *>(wire.data()),
-                                              static_cast<uint32_t>(wire.size()), tov_gpb_alloc, 0, 0),
-                  0);
+                                              uint32_t(wire.size()), tov_gpb_alloc, 0, 0), 0);
         EXPECT_GT(live("TOV GPB"), 0u);
+
         RequestContext rctx{&fw, &request};
         RequestResult result{};
         Session *found = nullptr;
         uint32_t rc = tov_req_message_id_check(&rctx, nullptr, &result);
-        if (rc == 0)
-            rc = tov_req_session_id_lookup(&rctx, &result, &found);
-        if (rc == 0)
-            rc = tov_me_request_result_check(&rctx, found, &result, c.me_code);
-        if (rc == TOV_RC_ME_REQUEST_FAILED) { // the handler says where: innermost step first
+        if (rc == 0) rc = tov_req_session_id_lookup(&rctx, &result, &found);
+        if (rc == 0) rc = tov_me_request_result_check(&rctx, found, &result, c.me_code);
+        if (rc == TOV_RC_ME_REQUEST_FAILED) { // the handler says where, innermost step first
             const char *const names[] = {"name"}, *const values[] = {"eth0"};
             XPathContext x{};
-            ASSERT_EQ(xpath_context_init(&x), 0);
-            ASSERT_EQ(xpath_prepend(&x, "interface", "urn:a", names, values, 1), 0);
-            ASSERT_EQ(xpath_prepend(&x, "interfaces", "urn:a", nullptr, nullptr, 0), 0);
-            ASSERT_EQ(xpath_prepend(&x, "top", "urn:b", nullptr, nullptr, 0), 0);
-            EXPECT_EQ(xpath_to_tov_error(&x, &result.error), 0);
+            EXPECT_EQ(xpath_context_init(&x) | xpath_prepend(&x, "interface", "urn:a", names, values, 1) |
+                          xpath_prepend(&x, "interfaces", "urn:a", nullptr, nullptr, 0) |
+                          xpath_prepend(&x, "top", "urn:b", nullptr, nullptr, 0) | xpath_to_tov_error(&x, &result.error),
+                      0);
             xpath_context_destroy(&x);
         }
         EXPECT_EQ(rc, c.rc);
@@ -119,23 +99,18 @@ TEST(Road, EveryOutcomeFromRequestBytesToParsedResponse) {
         response.success = result.success;
         tov_bit_set(response.present, TOV_RESPONSE_BIT_SUCCESS);
         response.error = result.error;
-        const uint32_t size = kesh_tov_response_encode_ext(&response, nullptr, 0, nullptr, nullptr, 0);
-        std::string out(size, '\0');
-        ASSERT_EQ(kesh_tov_response_encode_ext(&response, reinterpret_cast<uint8_t *>(out.data()), size,
-                                               nullptr, nullptr, 0),
-                  size);
+        std::string out(kesh_tov_response_encode_ext(&response, nullptr, 0, nullptr, nullptr, 0), '\0');
+        const auto size = uint32_t(out.size());
+        ASSERT_EQ(kesh_tov_response_encode_ext(&response, reinterpret_cast<uint8_t *>(out.data()), size, nullptr, nullptr, 0), size);
         kesh::tov::response parsed;
         ASSERT_TRUE(parsed.ParseFromString(out));
         EXPECT_EQ(parsed.success(), c.rc == 0);
         EXPECT_EQ(read_error(parsed), c.error);
-
         kesh_tov_response_free_ext(&response, tov_gpb_free, 0, 0);
         kesh_tov_request_free_ext(&request, tov_gpb_free, 0, 0);
         EXPECT_EQ(live(), baseline);
     }
     EXPECT_EQ(tov_session_store_cleanup(&fw), 0u);
-    trace_buffer_close(fw.debug.trace_handle);
-    EXPECT_EQ(tov_debug_cleanup(&fw.debug), TOV_RC_OK);
 }
 
 } // namespace

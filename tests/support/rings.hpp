@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <sched.h>
+#include <memory>
 #include <string>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "platform/trace_ring.hpp"
+#include "tov/framework.h"
 #include "tov/kor_debug_flags.h"
 
 namespace tov::test {
@@ -154,6 +156,25 @@ struct RingTail {
     }
     detail::ring::RingReader reader;
     uint64_t cursor = 0;
+};
+
+// A framework context whose root component logs into a fresh ring directory, with the platform
+// lines captured and the ring's new records at hand.
+struct LoggedFramework {
+    explicit LoggedFramework(const char *agent) {
+        tov_debug_save_agent_name(agent);
+        EXPECT_EQ(tov_debug_init(&fw.debug, "TOV", TOV_COMPONENT_TOV, nullptr), 0u);
+        tail = std::make_unique<RingTail>(dir.file(std::string(agent) + "-tov/processor.trace"));
+        tail->take(), capture.take();
+    }
+    ~LoggedFramework() {
+        trace_buffer_close(fw.debug.trace_handle);
+        EXPECT_EQ(tov_debug_cleanup(&fw.debug), 0u);
+    }
+    RingDir dir;
+    Capture capture;
+    FrameworkContext fw{};
+    std::unique_ptr<RingTail> tail;
 };
 
 } // namespace tov::test
