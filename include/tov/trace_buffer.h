@@ -64,7 +64,8 @@ TOV_API int trace_buffer_delete(const char *name);
 
 /* Host-only: writes the runtime directory (made if missing, mode 0700) into `out`. Returns 0,
  * ENAMETOOLONG when it does not fit, or the code of the failing call (for instance EACCES or
- * ENOTDIR, or EPERM when the directory belongs to another user). */
+ * ENOTDIR, EPERM when the directory belongs to another user or others can write to it, ELOOP
+ * when it is a symlink). */
 TOV_API int trace_buffer_runtime_dir(char *out, size_t capacity);
 
 TOV_END_DECLS
