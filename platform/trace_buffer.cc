@@ -99,9 +99,13 @@ int reserve(int fd, size_t size, bool fresh) {
 int make_ring_file(int dir, const char *name, uint32_t slot_count, uint32_t slot_size, size_t size, Fd *out,
                    char (&temp)[64]) {
     static std::atomic<uint32_t> counter{0};
-    std::snprintf(temp, sizeof temp, ".tov-ring-%d-%u", static_cast<int>(getpid()), counter.fetch_add(1));
-    out->fd = openat(dir, temp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (out->fd < 0) return errno;
+    // A name left by a crashed process of the same pid is skipped.
+    for (int tries = 0; out->fd < 0 && tries < 100; ++tries) {
+        std::snprintf(temp, sizeof temp, ".tov-ring-%d-%u", static_cast<int>(getpid()), counter.fetch_add(1));
+        out->fd = openat(dir, temp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        if (out->fd < 0 && errno != EEXIST) return errno;
+    }
+    if (out->fd < 0) return EEXIST;
     FileHeader h{};
     std::memcpy(h.magic, kMagic, sizeof kMagic);
     h.version = kVersion;

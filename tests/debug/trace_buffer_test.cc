@@ -216,7 +216,7 @@ TEST_F(TraceRings, ATruncatedRingStopsTakingRecordsButNobodyCrashes) {
 }
 
 TEST_F(TraceRings, ProcessesCreatingOneRingAtOnceAllWriteToTheSameFile) {
-    constexpr int kWriters = 4, kRecords = 50, kRounds = 5;
+    constexpr int kWriters = 8, kRecords = 20, kRounds = 10;
     for (int round = 0; round < kRounds; ++round) {
         const std::string name = "race-" + std::to_string(round);
         int gate[2];
