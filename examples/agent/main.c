@@ -171,8 +171,7 @@ static void refuse(Conn *c, const char *tag, const char *message) {
 
 /* ---- the road of one request ---- */
 
-static void trace_tree(uint32_t op, const DataTree *tree, const char *title) {
-    (void)op;
+static void trace_tree(const DataTree *tree, const char *title) {
     if (tree->name || tree->value || tree->children_count) tov_gpb_datatree_trace_internal(&g_me, tree, title);
 }
 
@@ -180,23 +179,23 @@ static void trace_request(const Request *rq) {
     const uint32_t op = rq->operation;
     if (!tov_debug_should_log_op(&g_me, TOV_MSG_DEBUG, op)) return;
     switch (op) {
-    case TOV_OP_GET_CONFIG: trace_tree(op, &rq->get_config.filter.tree, "get-config filter"); break;
-    case TOV_OP_EDIT_CONFIG: trace_tree(op, &rq->edit_config.config, "edit-config config"); break;
-    case TOV_OP_VALIDATE: trace_tree(op, &rq->validate.config, "validate config"); break;
-    case TOV_OP_COPY_CONFIG: trace_tree(op, &rq->copy_config.source_config, "copy-config config"); break;
-    case TOV_OP_GET: trace_tree(op, &rq->get.filter.tree, "get filter"); break;
-    case TOV_OP_INVOKE_RPC: trace_tree(op, &rq->invoke_rpc.input, "invoke-rpc input"); break;
+    case TOV_OP_GET_CONFIG: trace_tree(&rq->get_config.filter.tree, "get-config filter"); break;
+    case TOV_OP_EDIT_CONFIG: trace_tree(&rq->edit_config.config, "edit-config config"); break;
+    case TOV_OP_VALIDATE: trace_tree(&rq->validate.config, "validate config"); break;
+    case TOV_OP_COPY_CONFIG: trace_tree(&rq->copy_config.source_config, "copy-config config"); break;
+    case TOV_OP_GET: trace_tree(&rq->get.filter.tree, "get filter"); break;
+    case TOV_OP_INVOKE_RPC: trace_tree(&rq->invoke_rpc.input, "invoke-rpc input"); break;
     default: break;
     }
 }
 
 static void trace_response(uint32_t op, const Response *response) {
     if (!tov_debug_should_log_op(&g_me, TOV_MSG_DEBUG, op)) return;
-    trace_tree(op, &response->data, "response data");
+    trace_tree(&response->data, "response data");
     if (response->error.error_tag) {
         if (response->error.error_path.value)
             AGENT_LOG(&g_me, TOV_MSG_DEBUG, op, "op=%u,error-path %s", op, response->error.error_path.value);
-        trace_tree(op, &response->error.error_info, "response error-info");
+        trace_tree(&response->error.error_info, "response error-info");
     }
 }
 
