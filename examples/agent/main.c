@@ -309,30 +309,38 @@ static int parse_level(const char *text, uint32_t *level) {
     return -1;
 }
 
+/* The socket is bound under a temporary name and renamed into place once it listens, so that its
+ * path appears only when clients can connect. */
 static int open_socket(const char *path) {
-    struct sockaddr_un addr;
+    struct sockaddr_un addr, temp;
     memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof addr.sun_path) {
+    temp = addr;
+    if (snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path) >= (int)sizeof addr.sun_path ||
+        snprintf(temp.sun_path, sizeof temp.sun_path, "%s.%ld", path, (long)getpid()) >= (int)sizeof temp.sun_path) {
         fprintf(stderr, "tov-agent: socket path too long: %s\n", path);
         return -1;
     }
-    strcpy(addr.sun_path, path);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return -1;
     /* a socket left by an agent that died is replaced; a live agent's is not */
     struct stat st;
-    if (lstat(path, &st) == 0 && S_ISSOCK(st.st_mode)) {
+    if (lstat(path, &st) == 0) {
         int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (probe >= 0 && connect(probe, (struct sockaddr *)&addr, sizeof addr) != 0 && errno == ECONNREFUSED)
-            unlink(path);
+        int live = !S_ISSOCK(st.st_mode) || (probe >= 0 && connect(probe, (struct sockaddr *)&addr, sizeof addr) == 0);
         if (probe >= 0) close(probe);
+        if (live) {
+            fprintf(stderr, "tov-agent: %s is in use\n", path);
+            return -1;
+        }
     }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return -1;
+    unlink(temp.sun_path);
     mode_t old = umask(0077);
-    int rc = bind(fd, (struct sockaddr *)&addr, sizeof addr);
+    int rc = bind(fd, (struct sockaddr *)&temp, sizeof temp);
     umask(old);
-    if (rc != 0 || listen(fd, 128) != 0) {
+    if (rc != 0 || listen(fd, 128) != 0 || rename(temp.sun_path, path) != 0) {
         fprintf(stderr, "tov-agent: %s: %s\n", path, strerror(errno));
+        unlink(temp.sun_path);
         close(fd);
         return -1;
     }
@@ -466,6 +474,19 @@ int main(int argc, char **argv) {
         return 2;
     }
 
+    /* A stop request during start-up waits in the blocked set for the loop's first ppoll. */
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_signal;
+    sigaction(SIGTERM, &sa, NULL);
+    sigaction(SIGINT, &sa, NULL);
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    sigaddset(&blocked, SIGINT);
+    sigprocmask(SIG_BLOCK, &blocked, NULL); /* delivered only inside ppoll */
+
     /* Start-up, in the library's order. */
     tov_debug_save_agent_name(name);
     uint32_t rc = tov_debug_init(&g_framework.debug, "TOV", TOV_COMPONENT_TOV, NULL);
@@ -481,17 +502,6 @@ int main(int argc, char **argv) {
     if (mkdir(dir, 0700) != 0 && errno != EEXIST) {
         fprintf(stderr, "tov-agent: %s: %s\n", dir, strerror(errno));
     } else if (engine_init(&g_engine, &g_framework, &g_me, dir) == 0 && (listener = open_socket(socket_path)) >= 0) {
-        struct sigaction sa;
-        memset(&sa, 0, sizeof sa);
-        sa.sa_handler = on_signal;
-        sigaction(SIGTERM, &sa, NULL);
-        sigaction(SIGINT, &sa, NULL);
-        signal(SIGPIPE, SIG_IGN);
-        sigset_t blocked;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, SIGTERM);
-        sigaddset(&blocked, SIGINT);
-        sigprocmask(SIG_BLOCK, &blocked, NULL); /* delivered only inside ppoll */
         AGENT_LOG(&g_framework.debug, TOV_MSG_DEBUG, TOV_DEBUG_OP_COUNT, "listening on %s, datastore %s", socket_path, dir);
         fprintf(stderr, "tov-agent: listening on %s\n", socket_path);
         serve(listener);
