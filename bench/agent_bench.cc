@@ -204,6 +204,10 @@ int main(int argc, char **argv) {
         kesh_tov_request_free_ext(&load, release, 0, 0);
         if (!c.call(encode(copy), reply)) die("loading the workload failed");
         kesh_tov_request_free_ext(&copy, release, 0, 0);
+        Request discard = header(TOV_OP_DISCARD_CHANGES, session); // candidate := running, 10k nodes too
+        tov_bit_set(discard.present, TOV_REQUEST_BIT_DISCARD_CHANGES);
+        if (!c.call(encode(discard), reply)) die("discard-changes failed");
+        kesh_tov_request_free_ext(&discard, release, 0, 0);
 
         Request get = header(TOV_OP_GET_CONFIG, session);
         const std::string get_bytes = encode(get);
@@ -211,7 +215,7 @@ int main(int argc, char **argv) {
         std::printf("get-config of running: response of %zu bytes\n", reply.size());
         kesh_tov_request_free_ext(&get, release, 0, 0);
 
-        // a small edit: one leaf merged into a top-level container of its own
+        // a small edit into that candidate: one leaf merged into a top-level container of its own
         Request edit = header(TOV_OP_EDIT_CONFIG, session);
         DataTree *top = static_cast<DataTree *>(alloc(sizeof(DataTree), 0));
         DataTree *leaf = static_cast<DataTree *>(alloc(sizeof(DataTree), 0));

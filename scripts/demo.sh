@@ -7,7 +7,9 @@ set -eu
 top=$(cd "$(dirname "$0")/.." && pwd)
 cd "$top"
 
-scripts/install-deps.sh >/dev/null
+deps_log=$(mktemp)
+scripts/install-deps.sh >"$deps_log" 2>&1 || { cat "$deps_log"; rm -f "$deps_log"; exit 1; }
+rm -f "$deps_log"
 build=${TOV_DEMO_BUILD:-build/demo}
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOV_BUILD_TESTS=OFF >/dev/null
 cmake --build "$build" -j"${TOV_JOBS:-2}" --target tov-agent tov-msg tov-trace >/dev/null
@@ -81,7 +83,7 @@ edit_config {
 }
 EOF
 }
-edit 3 | send "edit-config: create interface eth0" 0
+send "edit-config: create interface eth0" 0 < <(edit 3)
 
 send "get-config candidate" 0 <<EOF
 operation: 0
@@ -90,7 +92,7 @@ message_id: "4"
 get_config { source { name: "candidate" } }
 EOF
 
-edit 5 | send "edit-config: create eth0 again (fails: data-exists)" 1
+send "edit-config: create eth0 again (fails: data-exists)" 1 < <(edit 5)
 
 send "commit" 0 <<EOF
 operation: 5

@@ -54,8 +54,6 @@ const char *tree_child_value(const DataTree *node, const char *name);
 DataTree *tree_add_leaf(DataTree *parent, const char *name, const char *value);
 /* The subtree filter: copies of the nodes of `data` that `filter` selects into out's children. */
 int tree_filter(DataTree *out, const DataTree *data, const DataTree *filter);
-/* Number of nodes, the root included. */
-uint64_t tree_size(const DataTree *tree);
 
 /* ---- persistence ---- */
 

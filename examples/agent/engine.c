@@ -272,6 +272,48 @@ static int validate_children(EditCtx *c, const DataTree *tree) {
     return 0;
 }
 
+/* A top-level node of the working tree that is still the datastore's own record. */
+static int borrowed(const DataTree *orig, const DataTree *node) {
+    for (uint32_t j = 0; j < orig->children_count; ++j)
+        if (memcmp(&orig->children[j], node, sizeof *node) == 0) return 1;
+    return 0;
+}
+
+/* Ends an edit's working tree: kept, it becomes the datastore and the datastore's nodes it no
+ * longer borrows are freed; dropped, the nodes it made are freed. Borrowed nodes keep their
+ * relative order in the working tree, so one forward walk pairs them up. */
+static void finish_work(DataTree *orig, DataTree *work, int keep) {
+    uint32_t k = 0;
+    uint8_t *lent = tov_gpb_alloc(work->children_count + 1, 0); /* work's borrowed entries */
+    for (uint32_t j = 0; j < orig->children_count; ++j) {
+        uint32_t at = k;
+        while (at < work->children_count && memcmp(&work->children[at], &orig->children[j], sizeof(DataTree)) != 0) ++at;
+        if (at < work->children_count) {
+            if (lent) lent[at] = 1;
+            k = at + 1;
+        } else if (keep) {
+            tree_clear(&orig->children[j]);
+        }
+    }
+    if (keep) {
+        tov_gpb_free(orig->children, 0);
+        *orig = *work;
+        if (work->children_count == 0) {
+            tov_gpb_free(orig->children, 0);
+            orig->children = NULL;
+            tov_bit_clear(orig->present, TOV_DATATREE_BIT_CHILDREN);
+        }
+    } else {
+        for (uint32_t i = 0; i < work->children_count; ++i)
+            if (!lent || !lent[i]) {
+                if (!lent && borrowed(orig, &work->children[i])) continue;
+                tree_clear(&work->children[i]);
+            }
+        tov_gpb_free(work->children, 0);
+    }
+    tov_gpb_free(lent, 0);
+}
+
 static uint32_t edit_config(Engine *e, const Request *rq, const Session *s, RequestResult *result, Response *response) {
     const EditConfig *ec = &rq->edit_config;
     int ds = datastore_index(&ec->target, DS_CANDIDATE);
@@ -287,30 +329,38 @@ static uint32_t edit_config(Engine *e, const Request *rq, const Session *s, Requ
     }
     EditCtx c = {.e = e, .result = result, .response = response, .continue_on_error = onerr == CONTINUE_ON_ERROR};
     if (test != SET_ONLY && validate_children(&c, &ec->config) != 0) return c.errors ? AGENT_ERROR_SET : TOV_RC_NO_MEMORY;
-    /* The edit goes to a copy, swapped in when it is to be kept, so that a failed edit leaves the
-     * datastore as it was (rollback-on-error; stop-on-error here too). */
-    DataTree work;
-    if (tree_copy(&work, &e->ds[ds]) != 0) {
-        tree_clear(&work);
-        return TOV_RC_NO_MEMORY;
-    }
+    /* The edit goes to a working tree, swapped in when it is to be kept, so that a failed edit
+     * leaves the datastore as it was (rollback-on-error; stop-on-error here too). The working tree
+     * borrows the datastore's top-level nodes and copies only those the edit reaches. */
+    DataTree *orig = &e->ds[ds];
+    DataTree work = *orig;
+    const int replace_all = def == EDIT_DEFAULT_REPLACE && !tov_bit_is_set(ec->config.present, TOV_DATATREE_BIT_OPERATION);
+    work.children_count = replace_all ? 0 : orig->children_count; /* replace: the whole configuration */
+    work.children = tov_gpb_alloc((work.children_count + 1) * (uint32_t)sizeof(DataTree), 0);
+    if (!work.children) return TOV_RC_NO_MEMORY;
+    if (work.children_count) memcpy(work.children, orig->children, work.children_count * sizeof(DataTree));
     uint32_t inherited = def == EDIT_DEFAULT_NONE ? EDIT_OP_NONE : def == EDIT_DEFAULT_REPLACE ? TOV_EDIT_OP_REPLACE : TOV_EDIT_OP_MERGE;
     if (tov_bit_is_set(ec->config.present, TOV_DATATREE_BIT_OPERATION)) inherited = ec->config.operation;
-    if (def == EDIT_DEFAULT_REPLACE && !tov_bit_is_set(ec->config.present, TOV_DATATREE_BIT_OPERATION)) {
-        /* replace as the default operation replaces the whole configuration */
-        while (work.children_count) tree_remove_child(&work, work.children_count - 1);
-        inherited = TOV_EDIT_OP_MERGE;
+    if (replace_all) inherited = TOV_EDIT_OP_MERGE;
+    int rc = 0;
+    for (uint32_t i = 0; i < ec->config.children_count && rc == 0; ++i) {
+        int64_t at = tree_find(&work, &ec->config.children[i]);
+        if (at < 0 || !borrowed(orig, &work.children[at])) continue;
+        DataTree copy;
+        if (tree_copy(&copy, &work.children[at]) != 0) {
+            tree_clear(&copy);
+            rc = -2;
+        } else {
+            work.children[at] = copy;
+        }
     }
-    int rc = edit_children(&c, &work, &ec->config, inherited);
+    if (rc == 0) rc = edit_children(&c, &work, &ec->config, inherited);
     const int keep = test != TEST_ONLY && rc != -2 && (c.errors == 0 || onerr == CONTINUE_ON_ERROR);
+    finish_work(orig, &work, keep);
     if (keep) {
-        tree_clear(&e->ds[ds]);
-        e->ds[ds] = work;
         if (ds == DS_CANDIDATE) e->candidate_dirty = 1;
         uint32_t src = save(e, ds);
         if (src && !c.errors) return src;
-    } else {
-        tree_clear(&work);
     }
     if (rc == -2) return TOV_RC_NO_MEMORY;
     return c.errors ? AGENT_ERROR_SET : 0;

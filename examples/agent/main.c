@@ -171,8 +171,7 @@ static void refuse(Conn *c, const char *tag, const char *message) {
 
 /* ---- the road of one request ---- */
 
-static void trace_tree(uint32_t op, const DataTree *tree, const char *title) {
-    (void)op;
+static void trace_tree(const DataTree *tree, const char *title) {
     if (tree->name || tree->value || tree->children_count) tov_gpb_datatree_trace_internal(&g_me, tree, title);
 }
 
@@ -180,23 +179,23 @@ static void trace_request(const Request *rq) {
     const uint32_t op = rq->operation;
     if (!tov_debug_should_log_op(&g_me, TOV_MSG_DEBUG, op)) return;
     switch (op) {
-    case TOV_OP_GET_CONFIG: trace_tree(op, &rq->get_config.filter.tree, "get-config filter"); break;
-    case TOV_OP_EDIT_CONFIG: trace_tree(op, &rq->edit_config.config, "edit-config config"); break;
-    case TOV_OP_VALIDATE: trace_tree(op, &rq->validate.config, "validate config"); break;
-    case TOV_OP_COPY_CONFIG: trace_tree(op, &rq->copy_config.source_config, "copy-config config"); break;
-    case TOV_OP_GET: trace_tree(op, &rq->get.filter.tree, "get filter"); break;
-    case TOV_OP_INVOKE_RPC: trace_tree(op, &rq->invoke_rpc.input, "invoke-rpc input"); break;
+    case TOV_OP_GET_CONFIG: trace_tree(&rq->get_config.filter.tree, "get-config filter"); break;
+    case TOV_OP_EDIT_CONFIG: trace_tree(&rq->edit_config.config, "edit-config config"); break;
+    case TOV_OP_VALIDATE: trace_tree(&rq->validate.config, "validate config"); break;
+    case TOV_OP_COPY_CONFIG: trace_tree(&rq->copy_config.source_config, "copy-config config"); break;
+    case TOV_OP_GET: trace_tree(&rq->get.filter.tree, "get filter"); break;
+    case TOV_OP_INVOKE_RPC: trace_tree(&rq->invoke_rpc.input, "invoke-rpc input"); break;
     default: break;
     }
 }
 
 static void trace_response(uint32_t op, const Response *response) {
     if (!tov_debug_should_log_op(&g_me, TOV_MSG_DEBUG, op)) return;
-    trace_tree(op, &response->data, "response data");
+    trace_tree(&response->data, "response data");
     if (response->error.error_tag) {
         if (response->error.error_path.value)
             AGENT_LOG(&g_me, TOV_MSG_DEBUG, op, "op=%u,error-path %s", op, response->error.error_path.value);
-        trace_tree(op, &response->error.error_info, "response error-info");
+        trace_tree(&response->error.error_info, "response error-info");
     }
 }
 
@@ -310,30 +309,38 @@ static int parse_level(const char *text, uint32_t *level) {
     return -1;
 }
 
+/* The socket is bound under a temporary name and renamed into place once it listens, so that its
+ * path appears only when clients can connect. */
 static int open_socket(const char *path) {
-    struct sockaddr_un addr;
+    struct sockaddr_un addr, temp;
     memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof addr.sun_path) {
+    temp = addr;
+    if (snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path) >= (int)sizeof addr.sun_path ||
+        snprintf(temp.sun_path, sizeof temp.sun_path, "%s.%ld", path, (long)getpid()) >= (int)sizeof temp.sun_path) {
         fprintf(stderr, "tov-agent: socket path too long: %s\n", path);
         return -1;
     }
-    strcpy(addr.sun_path, path);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return -1;
     /* a socket left by an agent that died is replaced; a live agent's is not */
     struct stat st;
-    if (lstat(path, &st) == 0 && S_ISSOCK(st.st_mode)) {
+    if (lstat(path, &st) == 0) {
         int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (probe >= 0 && connect(probe, (struct sockaddr *)&addr, sizeof addr) != 0 && errno == ECONNREFUSED)
-            unlink(path);
+        int live = !S_ISSOCK(st.st_mode) || (probe >= 0 && connect(probe, (struct sockaddr *)&addr, sizeof addr) == 0);
         if (probe >= 0) close(probe);
+        if (live) {
+            fprintf(stderr, "tov-agent: %s is in use\n", path);
+            return -1;
+        }
     }
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return -1;
+    unlink(temp.sun_path);
     mode_t old = umask(0077);
-    int rc = bind(fd, (struct sockaddr *)&addr, sizeof addr);
+    int rc = bind(fd, (struct sockaddr *)&temp, sizeof temp);
     umask(old);
-    if (rc != 0 || listen(fd, 128) != 0) {
+    if (rc != 0 || listen(fd, 128) != 0 || rename(temp.sun_path, path) != 0) {
         fprintf(stderr, "tov-agent: %s: %s\n", path, strerror(errno));
+        unlink(temp.sun_path);
         close(fd);
         return -1;
     }
@@ -467,6 +474,19 @@ int main(int argc, char **argv) {
         return 2;
     }
 
+    /* A stop request during start-up waits in the blocked set for the loop's first ppoll. */
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = on_signal;
+    sigaction(SIGTERM, &sa, NULL);
+    sigaction(SIGINT, &sa, NULL);
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    sigaddset(&blocked, SIGINT);
+    sigprocmask(SIG_BLOCK, &blocked, NULL); /* delivered only inside ppoll */
+
     /* Start-up, in the library's order. */
     tov_debug_save_agent_name(name);
     uint32_t rc = tov_debug_init(&g_framework.debug, "TOV", TOV_COMPONENT_TOV, NULL);
@@ -482,17 +502,6 @@ int main(int argc, char **argv) {
     if (mkdir(dir, 0700) != 0 && errno != EEXIST) {
         fprintf(stderr, "tov-agent: %s: %s\n", dir, strerror(errno));
     } else if (engine_init(&g_engine, &g_framework, &g_me, dir) == 0 && (listener = open_socket(socket_path)) >= 0) {
-        struct sigaction sa;
-        memset(&sa, 0, sizeof sa);
-        sa.sa_handler = on_signal;
-        sigaction(SIGTERM, &sa, NULL);
-        sigaction(SIGINT, &sa, NULL);
-        signal(SIGPIPE, SIG_IGN);
-        sigset_t blocked;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, SIGTERM);
-        sigaddset(&blocked, SIGINT);
-        sigprocmask(SIG_BLOCK, &blocked, NULL); /* delivered only inside ppoll */
         AGENT_LOG(&g_framework.debug, TOV_MSG_DEBUG, TOV_DEBUG_OP_COUNT, "listening on %s, datastore %s", socket_path, dir);
         fprintf(stderr, "tov-agent: listening on %s\n", socket_path);
         serve(listener);

@@ -136,12 +136,6 @@ DataTree *tree_add_leaf(DataTree *parent, const char *name, const char *value) {
     return n;
 }
 
-uint64_t tree_size(const DataTree *tree) {
-    uint64_t n = 1;
-    for (uint32_t i = 0; i < tree->children_count; ++i) n += tree_size(&tree->children[i]);
-    return n;
-}
-
 /* Subtree filtering as NETCONF describes it: a filter node without value or children selects the
  * whole subtree; one with a value and no children is a content match that the data node's sibling
  * must equal; one with children is a containment node, filtered further. */

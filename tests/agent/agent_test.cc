@@ -335,9 +335,10 @@ TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
         {"operation: 6 message_id: \"m\" session_id: SID", false, {"error_tag: \"invalid-value\"", "No confirmed commit is pending."}, {}, 0},
         {edit("candidate", {"eth3:2"}), true, {}, {}, 0},
         {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true confirm_timeout: 1 }", true, {}, {}, 0},
-        {get_run, true, {"eth3"}, {}, 1600},
+        {get_run, true, {}, {}, 1600}, // the one-second timeout runs out meanwhile
         {get_run, true, {"eth0"}, {"eth3"}, 0},
         {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true persist: \"p\" }", true, {}, {}, 0},
+        {get_run, true, {"eth3"}, {}, 0},
         {"operation: 5 message_id: \"m\" session_id: SID commit { persist_id: \"q\" }", false, {"error_tag: \"invalid-value\""}, {}, 0},
         {"operation: 6 message_id: \"m\" session_id: SID cancel_commit { persist_id: \"p\" }", true, {}, {}, 0},
         {get_run, true, {"eth0"}, {"eth3"}, 0},
@@ -408,7 +409,7 @@ TEST_F(AgentTest, ALockGoesWithTheConnectionThatHeldItsSession) {
         Reply r;
         ASSERT_TRUE(second.response(r.r));
         if (r.r.success == 1) break;
-        ASSERT_LT(attempt, 50) << "the lock was never released";
+        ASSERT_LT(attempt, 250) << "the lock was never released";
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(a.send("operation: 0 message_id: \"x\" session_id: " + s1).second.find("not found") != std::string::npos, true);
@@ -508,7 +509,7 @@ TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
     for (auto &th : threads) th.join();
     EXPECT_EQ(wrong.load(), 0);
     uint64_t after = 0;
-    for (int i = 0; i < 100 && (after = live_blocks(a, admin)) != before; ++i)
+    for (int i = 0; i < 500 && (after = live_blocks(a, admin)) != before; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(after, before);
 }
