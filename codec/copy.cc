@@ -47,8 +47,8 @@ Status duplicate(const MessageDesc &root, void *destination, const void *source,
         const MessageDesc &d = *f.desc;
         uint8_t *dst = f.dst;
         const uint8_t *src = f.src;
-        for (; f.slot < d.owned_count; ++f.slot) {
-            const OwnedSlot &o = d.owned[f.slot];
+        for (unsigned slot = f.slot; slot < d.owned_count; ++slot) {
+            const OwnedSlot &o = d.owned[slot];
             // Absent (and left absent) unless its copy below succeeds.
             auto fail = [&] {
                 store<void *>(dst + o.offset, nullptr);
@@ -104,10 +104,11 @@ Status duplicate(const MessageDesc &root, void *destination, const void *source,
             if (f.index < count) {
                 const size_t at = size_t{f.index++} * sub.size;
                 uint8_t *element = load<uint8_t *>(dst + o.offset) + at;
+                f.slot = static_cast<uint8_t>(slot); // before the push, which may move the frames
                 if (stack.push(CopyFrame{&sub, element, static_cast<const uint8_t *>(from) + at, 0, 0})) goto resume;
                 std::memset(element, 0, sub.size); // no working memory for this deep a tree
                 result = Status::no_memory;
-                --f.slot; // the next element of the same run
+                --slot; // the next element of the same run
                 continue;
             }
             f.index = 0;

@@ -30,15 +30,15 @@ inline uint8_t highest(uint32_t mask) { return static_cast<uint8_t>(31 - __built
 // Measures: `at` grows by every byte emitted.
 struct Counter {
     static constexpr bool kBackward = false; // any order measures; front to back reads memory in order
-    uint32_t at = 0;
+    uint64_t at = 0; // the caller sees 32 bits; 64 here tell that a hand-built record went past them
     uint32_t spans = 0; // non-empty message encodings
     void byte(uint8_t) { ++at; }
     void varint32(uint32_t v) { at += varint_size32(v); }
     void varint64(uint64_t v) { at += varint_size64(v); }
     void key(const FieldDesc &f) { at += f.key_size; }
     void bytes(const void *, uint32_t n) { at += n; }
-    uint32_t mark() const { return at; }
-    uint32_t since(uint32_t mark) const { return at - mark; }
+    uint32_t mark() const { return static_cast<uint32_t>(at); }
+    uint32_t since(uint32_t mark) const { return static_cast<uint32_t>(at) - mark; }
     void claim(uint32_t, uint32_t, size_t) { ++spans; }
 };
 
@@ -137,8 +137,8 @@ template <class Out> void emit(const MessageDesc &root, const uint8_t *root_reco
         EmitFrame &f = stack.top();
         const MessageDesc &d = *f.desc;
         const uint8_t *record = f.record;
-        for (; f.pending; f.pending &= ~(1u << next(f.pending))) {
-            const uint8_t i = next(f.pending);
+        for (uint32_t pending = f.pending; pending; pending &= ~(1u << next(pending)), f.pending = pending) {
+            const uint8_t i = next(pending);
             const FieldDesc &fd = d.fields[i];
             const bool present = (f.bits >> i) & 1u;
             switch (fd.kind) {
@@ -241,12 +241,14 @@ uint32_t encode(const MessageDesc &root, const void *root_record, uint8_t *buffe
     const auto *record = static_cast<const uint8_t *>(root_record);
     Counter counter;
     emit(root, record, counter);
-    const uint32_t total = counter.at;
+    // Past 4 GiB positions wrap around; only the writer that checks every position stays inside.
+    const uint32_t total = static_cast<uint32_t>(counter.at);
+    const bool whole = counter.at <= UINT32_MAX;
     if (span_count) {
         Writer<true> w{buffer, buffer ? capacity : 0, total, spans, spans ? *span_count : 0, counter.spans};
         emit(root, record, w);
         *span_count = counter.spans;
-    } else if (buffer && capacity >= total) {
+    } else if (buffer && capacity >= total && whole) {
         Writer<false> w{buffer, capacity, total};
         emit(root, record, w);
     } else if (buffer && capacity != 0) {

@@ -23,13 +23,14 @@ void release(const MessageDesc &root, void *root_record, tov_free_fn free_fn, ui
         ReleaseFrame &f = stack.top();
         const MessageDesc &d = *f.desc;
         uint8_t *record = f.record;
-        for (; f.slot < d.owned_count; ++f.slot) {
-            const OwnedSlot &o = d.owned[f.slot];
+        for (unsigned slot = f.slot; slot < d.owned_count; ++slot) {
+            const OwnedSlot &o = d.owned[slot];
             void *p = load<void *>(record + o.offset);
             if (!p) continue;
             if (o.kind == Kind::Messages) {
                 const MessageDesc &sub = o.sub ? *o.sub : d;
                 if (sub.owns_memory && f.index < load<uint32_t>(record + o.count_offset)) {
+                    f.slot = static_cast<uint8_t>(slot);
                     must_push(stack, ReleaseFrame{&sub, static_cast<uint8_t *>(p) + size_t{f.index++} * sub.size, 0, 0});
                     goto resume;
                 }
