@@ -2,7 +2,6 @@
 // their exact texts.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "debug/log.hpp"
@@ -34,24 +33,10 @@ int emit_plain(DebugContext *c, unsigned level) {
     }
 }
 
-class LogLines : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        tov_debug_save_agent_name("flt");
-        ASSERT_EQ(tov_debug_init(&ctx, "FLT", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
-        tail = std::make_unique<tov::test::RingTail>(dir.file("flt-tov/processor.trace"));
-        tail->take();
-        capture.take();
-    }
-    void TearDown() override {
-        trace_buffer_close(ctx.trace_handle);
-        EXPECT_EQ(tov_debug_cleanup(&ctx), TOV_RC_OK);
-    }
-
-    tov::test::RingDir dir;
-    tov::test::Capture capture;
-    DebugContext ctx{};
-    std::unique_ptr<tov::test::RingTail> tail;
+// The root context logs as "flt"; `ctx` is its DebugContext.
+struct LogLines : ::testing::Test, tov::test::LoggedFramework {
+    LogLines() : LoggedFramework("flt") {}
+    DebugContext &ctx = fw.debug;
 };
 
 // Every combination of component level, operation level and op_level_max (fresh or stale) against
@@ -113,31 +98,29 @@ TEST_F(LogLines, EachLevelGoesThroughItsOwnFlag) {
 }
 
 TEST_F(LogLines, FrameworkContextAndArgumentsEvaluatedOnceOnlyWhenNeeded) {
-    FrameworkContext fw{};
-    fw.debug = ctx; // same flags and ring
-    fw.debug.level = TOV_LEVEL_ERROR;
-    fw.debug.trace_open = 0;
+    FrameworkContext outer{};
+    outer.debug = ctx; // same flags and ring
+    outer.debug.level = TOV_LEVEL_ERROR;
+    outer.debug.trace_open = 0;
     int evaluations = 0;
-    TOV_DBG(&fw, "%d", ++evaluations); // goes nowhere
+    TOV_DBG(&outer, "%d", ++evaluations); // goes nowhere
     EXPECT_EQ(evaluations, 0);
-    fw.debug.trace_open = 1;
-    fw.debug.level = TOV_LEVEL_DEBUG;
-    TOV_DBG(&fw, "%d", ++evaluations); // both destinations, one evaluation
+    outer.debug.trace_open = 1;
+    outer.debug.level = TOV_LEVEL_DEBUG;
+    TOV_DBG(&outer, "%d", ++evaluations); // both destinations, one evaluation
     EXPECT_EQ(evaluations, 1);
     // The line prints the FrameworkContext and goes through its DebugContext's flags and ring.
-    EXPECT_EQ(capture.take(), std::vector<std::string>{"DBG: TOV: ctx=" + ptr(&fw) + ",1"});
+    EXPECT_EQ(capture.take(), std::vector<std::string>{"DBG: TOV: ctx=" + ptr(&outer) + ",1"});
     auto ring = tail->take();
     ASSERT_EQ(ring.size(), 1u);
-    EXPECT_NE(ring[0].find(" ctx=" + ptr(&fw) + ",1"), std::string::npos);
+    EXPECT_NE(ring[0].find(" ctx=" + ptr(&outer) + ",1"), std::string::npos);
 }
 
 TEST_F(LogLines, RingCopyIsCutAt1024BytesWhileThePlatformLineIsWhole) {
     ctx.level = TOV_LEVEL_ERROR;
     const std::string long_text(3000, 'x');
     TOV_ERR(&ctx, "%s", long_text.c_str());
-    auto platform = capture.take();
-    ASSERT_EQ(platform.size(), 1u);
-    EXPECT_EQ(platform[0], "ERR: TOV: ctx=" + ptr(&ctx) + "," + long_text);
+    EXPECT_EQ(capture.take(), std::vector<std::string>{"ERR: TOV: ctx=" + ptr(&ctx) + "," + long_text});
     auto ring = tail->take();
     ASSERT_EQ(ring.size(), 1u);
     EXPECT_EQ(ring[0].size(), 1023u);

@@ -60,21 +60,15 @@ void check_tree(const kor_wavl_tree &tree, size_t expected_count) {
     EXPECT_LE(height, 1.45 * std::log2(static_cast<double>(count) + 2));
 }
 
-class Sessions : public ::testing::Test {
-  protected:
-    void SetUp() override {
+// The store of a framework whose seed clock always reads 1234.
+struct Sessions : ::testing::Test, tov::test::LoggedFramework {
+    Sessions() : LoggedFramework("ses") {
         previous_clock = tov::detail::set_session_seed_clock([](time_t *) -> time_t { return 1234; });
-        tov_debug_save_agent_name("ses");
-        ASSERT_EQ(tov_debug_init(&fw.debug, "TOV", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
-        ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK);
-        capture.take();
+        EXPECT_EQ(tov_session_store_init(&fw), TOV_RC_OK);
     }
-    void TearDown() override {
+    ~Sessions() override {
         EXPECT_EQ(tov_session_store_cleanup(&fw), 0u);
-        EXPECT_EQ(live(kSessionLabel), 0u);
-        EXPECT_EQ(live(kNodeLabel), 0u);
-        trace_buffer_close(fw.debug.trace_handle);
-        EXPECT_EQ(tov_debug_cleanup(&fw.debug), TOV_RC_OK);
+        EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
         tov::detail::set_session_seed_clock(previous_clock);
     }
     // Makes the next candidate exactly `id`: with x = 0 the generator outputs w ^ (w >> 19), which
@@ -88,10 +82,6 @@ class Sessions : public ::testing::Test {
         return tov_session_create(&fw);
     }
     std::string line(const char *tag, const std::string &text) { return std::string(tag) + " TOV: ctx=" + ptr(&fw) + "," + text; }
-
-    tov::test::RingDir dir;
-    tov::test::Capture capture;
-    FrameworkContext fw{};
     tov::detail::SeedClock previous_clock = nullptr;
 };
 
@@ -143,7 +133,7 @@ TEST_F(Sessions, HundredThousandRandomOperationsMatchAMap) {
     EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
     EXPECT_EQ(live(owned_label), owned.size());
     for (void *p : owned) kor_named_free(p);
-    ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK); // for TearDown
+    ASSERT_EQ(tov_session_store_init(&fw), TOV_RC_OK); // for the fixture to release
 }
 
 TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
@@ -164,9 +154,6 @@ TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
     EXPECT_EQ(capture.take(), expected);
     EXPECT_EQ(live(kSessionLabel), 15u); // the refused record was freed
     check_tree(fw.sessions.tree, 15);
-    auto ring = tov::test::ring_texts(dir.file("ses-tov/processor.trace"));
-    EXPECT_EQ(ring.back().rfind("ERR: tov_session_create:", 0), 0u);
-    EXPECT_EQ(ring[ring.size() - 2].rfind("TRC: tov_session_create:", 0), 0u);
 
     // A zero candidate is refused the same way, then the next one is taken.
     srand48(7);
@@ -181,16 +168,14 @@ TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
 }
 
 TEST_F(Sessions, FailuresAndForeignRecordsLeaveNothingBehind) {
-    for (uint32_t persistent : {0u, 1u}) {
-        for (uint64_t nth : {1, 2}) {
-            kor_named_fail_config(nth, persistent);
-            EXPECT_EQ(tov_session_create(&fw), nullptr);
-        }
-        kor_named_fail_config(0, 0);
-        EXPECT_EQ(capture.take(), (std::vector<std::string>{line("ERR:", "TOV session context allocation failed"),
-                                                            line("ERR:", "TOV session tree node allocation failed")}));
-        EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
-    }
+    EXPECT_EQ(tov::test::allocation_points([&] {
+                  Session *s = tov_session_create(&fw);
+                  return tov_session_destroy(&fw, s), s != nullptr;
+              }),
+              2u);
+    const std::string context = line("ERR:", "TOV session context allocation failed"),
+                      node = line("ERR:", "TOV session tree node allocation failed");
+    EXPECT_EQ(capture.take(), (std::vector<std::string>{context, node, context, node})); // once, then on
 
     // A record the store does not hold is freed, but what it owns is left alone.
     fw.debug.level = TOV_LEVEL_DEBUG;
