@@ -58,14 +58,11 @@ TEST(Road, EveryOutcomeFromRequestBytesToParsedResponse) {
         {true, false, 0, 0, TOV_RC_REQUEST_REFUSED, "3 data-missing 0 | Session ID is missing. | : | "},
         {true, true, id ^ 1, 0, TOV_RC_REQUEST_REFUSED, "3 invalid-value 0 | Entered session ID was not found. | : | "},
         {true, true, id, 0, 0, ""},
+        // One engine failure: the code-to-tag table is the result tests' business.
+        {true, true, id, 0xaaf2b000u, TOV_RC_ME_REQUEST_FAILED,
+         "3 resource-denied 0 | " + std::string(error_code_text(0xaaf2b000u)) + " | :" + where},
     };
-    std::vector<Case> all(std::begin(cases), std::end(cases));
-    for (auto [code, tag] : {std::pair{0xaaf2aa00u, "invalid-value"}, {0xaaf2b000u, "resource-denied"},
-                             {0xaaf2bc00u, "invalid-value"}, {0xaaf2be00u, "operation-not-supported"},
-                             {TOV_RC_NO_MEMORY, "operation-failed"}})
-        all.push_back({true, true, id, code, TOV_RC_ME_REQUEST_FAILED,
-                       std::string("3 ") + tag + " 0 | " + error_code_text(code) + " | :" + where});
-    for (const Case &c : all) {
+    for (const Case &c : cases) {
         SCOPED_TRACE(c.error);
         kesh::tov::request sent;
         sent.set_operation(TOV_OP_EDIT_CONFIG);
