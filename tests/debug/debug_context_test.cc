@@ -137,27 +137,22 @@ TEST(DebugNames, UnknownIdsAndTheAgentName) {
 }
 
 // A framework process: the root TOV with every other component below it.
-class LevelControl : public DebugContexts {
-  protected:
-    void SetUp() override {
-        DebugContexts::SetUp();
-        ASSERT_EQ(tov_debug_init(&fw.debug, "TOV", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
+struct LevelControl : ::testing::Test, tov::test::LoggedFramework {
+    LevelControl() : LoggedFramework("ctx") {
         // Attached in an order unlike the one "all" walks.
         const uint32_t ids[] = {TOV_COMPONENT_VASKE, TOV_COMPONENT_ME, TOV_COMPONENT_MAP,
                                 TOV_COMPONENT_BK, TOV_COMPONENT_MORVANTE, TOV_COMPONENT_QT};
-        for (int i = 0; i < 6; ++i) ASSERT_EQ(tov_debug_init(&subs[i], "SUB", ids[i], &fw.debug), TOV_RC_OK);
+        for (int i = 0; i < 6; ++i) EXPECT_EQ(tov_debug_init(&subs[i], "SUB", ids[i], &fw.debug), TOV_RC_OK);
         capture.take();
     }
-    void TearDown() override {
+    ~LevelControl() override {
         for (DebugContext &c : subs) {
             if (c.ref_count > 0) release(&c);
         }
-        release(&fw.debug);
     }
     std::string announce(const std::string &text) { return "DBG: TOV: ctx=" + ptr(&fw.debug) + ",Log level set to " + text; }
     DebugContext *component(uint32_t id) { return tov_debug_get_component_ctx(&fw.debug, id); }
 
-    FrameworkContext fw{};
     DebugContext subs[6] = {}; // subs[5] is QT
 };
 
