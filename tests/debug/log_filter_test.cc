@@ -15,20 +15,16 @@ using tov::test::ptr;
 const char *const kTags[] = {"ERR:", "WRN:", "DBG:", "TRC:"};
 
 // Each statement shares its line with the return, so the test knows the line it reports.
-int emit_op(DebugContext *c, unsigned level, const void *ses, unsigned op) {
-    switch (level) {
+// Operation 0 makes a plain line, one about no operation.
+int emit(DebugContext *c, unsigned level, const void *ses = nullptr, unsigned op = 0) {
+    switch (level + 4 * (op == 0)) {
     case 0: TOV_ERR_OP(c, ses, op, "filter %u", level); return __LINE__;
     case 1: TOV_WRN_OP(c, ses, op, "filter %u", level); return __LINE__;
     case 2: TOV_DBG_OP(c, ses, op, "filter %u", level); return __LINE__;
-    default: TOV_TRC_OP(c, ses, op, "filter %u", level); return __LINE__;
-    }
-}
-
-int emit_plain(DebugContext *c, unsigned level) {
-    switch (level) {
-    case 0: TOV_ERR(c, "plain %u", level); return __LINE__;
-    case 1: TOV_WRN(c, "plain %u", level); return __LINE__;
-    case 2: TOV_DBG(c, "plain %u", level); return __LINE__;
+    case 3: TOV_TRC_OP(c, ses, op, "filter %u", level); return __LINE__;
+    case 4: TOV_ERR(c, "plain %u", level); return __LINE__;
+    case 5: TOV_WRN(c, "plain %u", level); return __LINE__;
+    case 6: TOV_DBG(c, "plain %u", level); return __LINE__;
     default: TOV_TRC(c, "plain %u", level); return __LINE__;
     }
 }
@@ -63,12 +59,12 @@ TEST_F(LogLines, FilterMatrixDecidesThePlatformLinesAndTheRingGetsEverything) {
                     const bool by_operation = op_level >= needed && !(op_max != 0 && op_max < needed);
                     const std::string text = "filter " + std::to_string(level);
                     for (uint32_t op : {5u, 6u, 19u}) {
-                        int line = emit_op(&ctx, level, ses, op);
-                        expect(by_component || (op == 5 && by_operation), kTags[level], "emit_op", line,
+                        int line = emit(&ctx, level, ses, op);
+                        expect(by_component || (op == 5 && by_operation), kTags[level], "emit", line,
                                "ses=" + ptr(ses) + ",op=" + std::to_string(op) + "," + text);
                     }
-                    int line = emit_plain(&ctx, level);
-                    expect(by_component, kTags[level], "emit_plain", line, "plain " + std::to_string(level));
+                    int line = emit(&ctx, level);
+                    expect(by_component, kTags[level], "emit", line, "plain " + std::to_string(level));
                 }
                 SCOPED_TRACE("component " + std::to_string(component) + ", op level " +
                              std::to_string(op_level) + ", op_level_max " + std::to_string(op_max));
@@ -85,13 +81,13 @@ TEST_F(LogLines, FilterMatrixDecidesThePlatformLinesAndTheRingGetsEverything) {
 TEST_F(LogLines, EachLevelGoesThroughItsOwnFlag) {
     ctx.level = TOV_LEVEL_TRACE;
     ASSERT_EQ(kor_dt_flag_disable(ctx.debug_flag), 0);
-    for (unsigned level = 0; level <= 3; ++level) emit_plain(&ctx, level);
+    for (unsigned level = 0; level <= 3; ++level) emit(&ctx, level);
     auto lines = capture.take();
     ASSERT_EQ(lines.size(), 3u); // ERR and WRN through "error", TRC through "trace"
     EXPECT_EQ(lines[2].substr(0, 4), "TRC:");
     ASSERT_EQ(kor_dt_flag_enable(ctx.debug_flag, 0), 0);
     ASSERT_EQ(kor_dt_flag_disable(ctx.root_flag), 0); // the component's top flag silences all
-    for (unsigned level = 0; level <= 3; ++level) emit_plain(&ctx, level);
+    for (unsigned level = 0; level <= 3; ++level) emit(&ctx, level);
     EXPECT_TRUE(capture.take().empty());
     EXPECT_EQ(tail->take().size(), 8u); // the ring is not filtered at all
     ASSERT_EQ(kor_dt_flag_enable(ctx.root_flag, 0), 0);
