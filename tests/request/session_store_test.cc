@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <random>
@@ -71,14 +72,17 @@ struct Sessions : ::testing::Test, tov::test::LoggedFramework {
         EXPECT_EQ(live(kSessionLabel) + live(kNodeLabel), 0u);
         tov::detail::set_session_seed_clock(previous_clock);
     }
-    // Makes the next candidate exactly `id`: with x = 0 the generator outputs w ^ (w >> 19), which
-    // this w inverts to the seeded lrand48 value XOR id.
+    // A generator state that makes the next candidate after srand48(4242) exactly `id`: with x = 0
+    // the generator outputs w ^ (w >> 19), which this w inverts to the seeded lrand48 value XOR id.
+    static std::array<uint32_t, 4> state_for(uint32_t id) {
+        srand48(4242);
+        const uint32_t out = static_cast<uint32_t>(lrand48()) ^ id;
+        return {0, 0, 0, out ^ (out >> 19)};
+    }
     Session *create_with_id(uint32_t id) {
+        const auto state = state_for(id);
+        std::copy(state.begin(), state.end(), fw.id_state);
         srand48(4242);
-        uint32_t out = static_cast<uint32_t>(lrand48()) ^ id;
-        srand48(4242);
-        const uint32_t state[4] = {0, 0, 0, out ^ (out >> 19)};
-        std::copy(state, state + 4, fw.id_state);
         return tov_session_create(&fw);
     }
     std::string line(const char *tag, const std::string &text) { return std::string(tag) + " TOV: ctx=" + ptr(&fw) + "," + text; }
@@ -156,13 +160,8 @@ TEST_F(Sessions, FifteenUsedCandidatesExhaustTheGenerator) {
     check_tree(fw.sessions.tree, 15);
 
     // A zero candidate is refused the same way, then the next one is taken.
-    srand48(7);
-    uint32_t r = static_cast<uint32_t>(lrand48());
-    const uint32_t zero_first[4] = {0, 0, 0, r ^ (r >> 19)};
-    uint32_t next = predict(7, zero_first, 2)[1];
-    std::copy(zero_first, zero_first + 4, fw.id_state);
-    srand48(7);
-    ASSERT_NE(tov_session_create(&fw), nullptr);
+    const uint32_t next = predict(4242, state_for(0).data(), 2)[1];
+    ASSERT_NE(create_with_id(0), nullptr);
     EXPECT_EQ(capture.take(), (std::vector<std::string>{line("TRC:", "generated sesssion-id=0 is invalid, generating new"),
                                                         line("DBG:", "assigned session-id=" + std::to_string(next))}));
 }
