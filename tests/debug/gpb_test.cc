@@ -122,17 +122,13 @@ TEST_F(Printers, AMillionLevelsOnA256KiBStack) {
     constexpr uint32_t kDepth = 1000000;
     std::vector<DataTree> chain(kDepth);
     for (uint32_t i = 0; i < kDepth; ++i) chain[i] = i + 1 < kDepth ? Node("n").kids(&chain[i + 1], 1).t : Node("n").t;
-    struct Args {
-        DebugContext *d;
-        DataTree *root;
-        uint32_t rc;
-    } args{&fw.debug, chain.data(), 1};
+    struct { DebugContext *d; DataTree *root; uint32_t rc; } args{&fw.debug, chain.data(), 1};
     pthread_attr_t attr;
     pthread_t thread;
     pthread_attr_init(&attr);
     ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
     auto run = [](void *p) -> void * {
-        auto *a = static_cast<Args *>(p);
+        auto *a = static_cast<decltype(args) *>(p);
         return a->rc = tov_gpb_datatree_trace_internal(a->d, a->root, nullptr), nullptr;
     };
     ASSERT_EQ(pthread_create(&thread, &attr, run, &args), 0);

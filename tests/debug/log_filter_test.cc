@@ -2,7 +2,6 @@
 // their exact texts.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "debug/log.hpp"
@@ -16,42 +15,24 @@ using tov::test::ptr;
 const char *const kTags[] = {"ERR:", "WRN:", "DBG:", "TRC:"};
 
 // Each statement shares its line with the return, so the test knows the line it reports.
-int emit_op(DebugContext *c, unsigned level, const void *ses, unsigned op) {
-    switch (level) {
+// Operation 0 makes a plain line, one about no operation.
+int emit(DebugContext *c, unsigned level, const void *ses = nullptr, unsigned op = 0) {
+    switch (level + 4 * (op == 0)) {
     case 0: TOV_ERR_OP(c, ses, op, "filter %u", level); return __LINE__;
     case 1: TOV_WRN_OP(c, ses, op, "filter %u", level); return __LINE__;
     case 2: TOV_DBG_OP(c, ses, op, "filter %u", level); return __LINE__;
-    default: TOV_TRC_OP(c, ses, op, "filter %u", level); return __LINE__;
-    }
-}
-
-int emit_plain(DebugContext *c, unsigned level) {
-    switch (level) {
-    case 0: TOV_ERR(c, "plain %u", level); return __LINE__;
-    case 1: TOV_WRN(c, "plain %u", level); return __LINE__;
-    case 2: TOV_DBG(c, "plain %u", level); return __LINE__;
+    case 3: TOV_TRC_OP(c, ses, op, "filter %u", level); return __LINE__;
+    case 4: TOV_ERR(c, "plain %u", level); return __LINE__;
+    case 5: TOV_WRN(c, "plain %u", level); return __LINE__;
+    case 6: TOV_DBG(c, "plain %u", level); return __LINE__;
     default: TOV_TRC(c, "plain %u", level); return __LINE__;
     }
 }
 
-class LogLines : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        tov_debug_save_agent_name("flt");
-        ASSERT_EQ(tov_debug_init(&ctx, "FLT", TOV_COMPONENT_TOV, nullptr), TOV_RC_OK);
-        tail = std::make_unique<tov::test::RingTail>(dir.file("flt-tov/processor.trace"));
-        tail->take();
-        capture.take();
-    }
-    void TearDown() override {
-        trace_buffer_close(ctx.trace_handle);
-        EXPECT_EQ(tov_debug_cleanup(&ctx), TOV_RC_OK);
-    }
-
-    tov::test::RingDir dir;
-    tov::test::Capture capture;
-    DebugContext ctx{};
-    std::unique_ptr<tov::test::RingTail> tail;
+// The root context logs as "flt"; `ctx` is its DebugContext.
+struct LogLines : ::testing::Test, tov::test::LoggedFramework {
+    LogLines() : LoggedFramework("flt") {}
+    DebugContext &ctx = fw.debug;
 };
 
 // Every combination of component level, operation level and op_level_max (fresh or stale) against
@@ -78,12 +59,12 @@ TEST_F(LogLines, FilterMatrixDecidesThePlatformLinesAndTheRingGetsEverything) {
                     const bool by_operation = op_level >= needed && !(op_max != 0 && op_max < needed);
                     const std::string text = "filter " + std::to_string(level);
                     for (uint32_t op : {5u, 6u, 19u}) {
-                        int line = emit_op(&ctx, level, ses, op);
-                        expect(by_component || (op == 5 && by_operation), kTags[level], "emit_op", line,
+                        int line = emit(&ctx, level, ses, op);
+                        expect(by_component || (op == 5 && by_operation), kTags[level], "emit", line,
                                "ses=" + ptr(ses) + ",op=" + std::to_string(op) + "," + text);
                     }
-                    int line = emit_plain(&ctx, level);
-                    expect(by_component, kTags[level], "emit_plain", line, "plain " + std::to_string(level));
+                    int line = emit(&ctx, level);
+                    expect(by_component, kTags[level], "emit", line, "plain " + std::to_string(level));
                 }
                 SCOPED_TRACE("component " + std::to_string(component) + ", op level " +
                              std::to_string(op_level) + ", op_level_max " + std::to_string(op_max));
@@ -100,44 +81,42 @@ TEST_F(LogLines, FilterMatrixDecidesThePlatformLinesAndTheRingGetsEverything) {
 TEST_F(LogLines, EachLevelGoesThroughItsOwnFlag) {
     ctx.level = TOV_LEVEL_TRACE;
     ASSERT_EQ(kor_dt_flag_disable(ctx.debug_flag), 0);
-    for (unsigned level = 0; level <= 3; ++level) emit_plain(&ctx, level);
+    for (unsigned level = 0; level <= 3; ++level) emit(&ctx, level);
     auto lines = capture.take();
     ASSERT_EQ(lines.size(), 3u); // ERR and WRN through "error", TRC through "trace"
     EXPECT_EQ(lines[2].substr(0, 4), "TRC:");
     ASSERT_EQ(kor_dt_flag_enable(ctx.debug_flag, 0), 0);
     ASSERT_EQ(kor_dt_flag_disable(ctx.root_flag), 0); // the component's top flag silences all
-    for (unsigned level = 0; level <= 3; ++level) emit_plain(&ctx, level);
+    for (unsigned level = 0; level <= 3; ++level) emit(&ctx, level);
     EXPECT_TRUE(capture.take().empty());
     EXPECT_EQ(tail->take().size(), 8u); // the ring is not filtered at all
     ASSERT_EQ(kor_dt_flag_enable(ctx.root_flag, 0), 0);
 }
 
 TEST_F(LogLines, FrameworkContextAndArgumentsEvaluatedOnceOnlyWhenNeeded) {
-    FrameworkContext fw{};
-    fw.debug = ctx; // same flags and ring
-    fw.debug.level = TOV_LEVEL_ERROR;
-    fw.debug.trace_open = 0;
+    FrameworkContext outer{};
+    outer.debug = ctx; // same flags and ring
+    outer.debug.level = TOV_LEVEL_ERROR;
+    outer.debug.trace_open = 0;
     int evaluations = 0;
-    TOV_DBG(&fw, "%d", ++evaluations); // goes nowhere
+    TOV_DBG(&outer, "%d", ++evaluations); // goes nowhere
     EXPECT_EQ(evaluations, 0);
-    fw.debug.trace_open = 1;
-    fw.debug.level = TOV_LEVEL_DEBUG;
-    TOV_DBG(&fw, "%d", ++evaluations); // both destinations, one evaluation
+    outer.debug.trace_open = 1;
+    outer.debug.level = TOV_LEVEL_DEBUG;
+    TOV_DBG(&outer, "%d", ++evaluations); // both destinations, one evaluation
     EXPECT_EQ(evaluations, 1);
     // The line prints the FrameworkContext and goes through its DebugContext's flags and ring.
-    EXPECT_EQ(capture.take(), std::vector<std::string>{"DBG: TOV: ctx=" + ptr(&fw) + ",1"});
+    EXPECT_EQ(capture.take(), std::vector<std::string>{"DBG: TOV: ctx=" + ptr(&outer) + ",1"});
     auto ring = tail->take();
     ASSERT_EQ(ring.size(), 1u);
-    EXPECT_NE(ring[0].find(" ctx=" + ptr(&fw) + ",1"), std::string::npos);
+    EXPECT_NE(ring[0].find(" ctx=" + ptr(&outer) + ",1"), std::string::npos);
 }
 
 TEST_F(LogLines, RingCopyIsCutAt1024BytesWhileThePlatformLineIsWhole) {
     ctx.level = TOV_LEVEL_ERROR;
     const std::string long_text(3000, 'x');
     TOV_ERR(&ctx, "%s", long_text.c_str());
-    auto platform = capture.take();
-    ASSERT_EQ(platform.size(), 1u);
-    EXPECT_EQ(platform[0], "ERR: TOV: ctx=" + ptr(&ctx) + "," + long_text);
+    EXPECT_EQ(capture.take(), std::vector<std::string>{"ERR: TOV: ctx=" + ptr(&ctx) + "," + long_text});
     auto ring = tail->take();
     ASSERT_EQ(ring.size(), 1u);
     EXPECT_EQ(ring[0].size(), 1023u);

@@ -2,7 +2,6 @@
 // copy, the log lines in both places, and every allocation failing once and from then on.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 
 #include "support/alloc.hpp"
@@ -14,7 +13,7 @@
 
 namespace {
 
-using Strings = std::vector<std::string>;
+using tov::test::Strings;
 using Check = std::function<uint32_t(RequestContext *, Session *, RequestResult *)>;
 
 // Named by their index in the cases below.
@@ -59,9 +58,10 @@ struct Results : ::testing::Test, tov::test::LoggedFramework {
         capture.take(), tail->take();
     }
     ~Results() override { EXPECT_EQ(tov_session_store_cleanup(&fw), 0u); }
-    Session *known = nullptr;
+    Session *known = nullptr, *out = nullptr;
     Request request{};
     RequestContext rctx{&fw, &request};
+    Check lookup = [this](RequestContext *c, Session *, RequestResult *r) { return tov_req_session_id_lookup(c, r, &out); };
 };
 
 Check me(uint32_t code) {
@@ -72,8 +72,6 @@ Check element(uint32_t (*set)(RequestContext *, Session *, RequestResult *, cons
 }
 
 TEST_F(Results, ChecksFillTheErrorAndLogOnce) {
-    Session *out = nullptr;
-    Check lookup = [&out](RequestContext *c, Session *, RequestResult *r) { return tov_req_session_id_lookup(c, r, &out); };
     const uint32_t unknown_id = known->session_id ^ 1u;
     struct Case {
         const char *what;
@@ -172,11 +170,7 @@ TEST_F(Results, SettersAndTheOutOfMemoryAnswer) {
 // Each allocation fails in turn, once and from then on. The code follows the label that failed
 // last (a few failures are meant to be survived); releasing the result leaves nothing live.
 TEST_F(Results, EveryAllocationFailureOnceAndPersistent) {
-    Session *out = nullptr;
-    const Check lookup = [&out](RequestContext *c, Session *, RequestResult *r) {
-        return tov_req_session_id_lookup(c, r, &out);
-    };
-    const struct Sweep {
+    const struct {
         unsigned clear; // request presence bit to clear, or 0 (the operation, kept)
         Check call;
         uint32_t ok;
@@ -191,27 +185,15 @@ TEST_F(Results, EveryAllocationFailureOnceAndPersistent) {
         {TOV_REQUEST_BIT_SESSION_ID, lookup, TOV_RC_REQUEST_REFUSED, 2, {kLabels[1]}},
         {0, me(1), TOV_RC_ME_REQUEST_FAILED, 2, {kLabels[1]}},
     };
-    const uint64_t baseline = live();
-    for (const Sweep &s : sweeps) {
+    for (const auto &s : sweeps) {
         tov_bit_clear(request.present, s.clear);
-        for (uint32_t persistent : {0u, 1u}) {
-            for (uint64_t k = 1;; ++k) {
-                RequestResult r{};
-                kor_named_fail_config(k, persistent);
-                const uint32_t rc = s.call(&rctx, known, &r);
-                const uint64_t failures = kor_named_fail_count();
-                const std::string failed = failures ? kor_named_last_failed_label() : "";
-                kor_named_fail_config(0, 0);
-                const bool benign = std::find(s.benign.begin(), s.benign.end(), failed) != s.benign.end();
-                EXPECT_EQ(rc, failures == 0 || benign ? s.ok : TOV_RC_NO_MEMORY) << k << persistent << failed;
-                kesh_tov_request_result_free_ext(&r, tov_gpb_free, 0, 0);
-                EXPECT_EQ(live(), baseline) << k << persistent;
-                if (failures == 0) {
-                    EXPECT_EQ(k - 1, s.points);
-                    break;
-                }
-            }
-        }
+        const auto call = [&]() -> int64_t {
+            RequestResult r{};
+            const uint32_t rc = s.call(&rctx, known, &r);
+            kesh_tov_request_result_free_ext(&r, tov_gpb_free, 0, 0);
+            return rc;
+        };
+        EXPECT_EQ(tov::test::allocation_points({call, s.ok, TOV_RC_NO_MEMORY, s.benign}), s.points);
         tov_bit_set(request.present, s.clear);
     }
 }

@@ -54,43 +54,30 @@ void expect_in_order(const std::function<int(const Args &, char **)> &routine,
 
 TEST(BoundedSearch, EveryViolationIsReportedInOrder) {
     expect_in_order([](const Args &a, char **o) { return strchar_s_tmp(a.dest, a.dmax, a.ch, o); },
-                    {with(kOut, "strfirstchar_s: index is null/400"),
-                     with(kDest, "strfirstchar_s: dest is null/400"),
-                     with(kDmax0, "strfirstchar_s: dmax is 0/401"),
-                     with(kDmaxBig, "strfirstchar_s: dmax exceeds max/403"),
-                     {[](Args &a) { a.dest = "abc", a.dmax = 2, a.ch = 'c'; },
-                      "strfirstchar_s: dest is unterminated/407"}});
+                    {with(kOut, "strfirstchar_s: index is null/400"), with(kDest, "strfirstchar_s: dest is null/400"),
+                     with(kDmax0, "strfirstchar_s: dmax is 0/401"), with(kDmaxBig, "strfirstchar_s: dmax exceeds max/403"),
+                     {[](Args &a) { a.dest = "abc", a.dmax = 2, a.ch = 'c'; }, "strfirstchar_s: dest is unterminated/407"}});
     expect_in_order(
         [](const Args &a, char **o) { return strpbrk_s_tmp(a.dest, a.dmax, a.src, a.slen, o); },
-        {with(kOut, "strpbrk_s: count is null/400"),
-         with(kDest, "strpbrk_s: dest is null/400"),
-         with(kSrc, "strpbrk_s: src is null/400"),
-         with(kDmax0, "strpbrk_s: dmax is 0/401"),
-         with(kDmaxBig, "strpbrk_s: dmax exceeds max/403"),
-         with(kSlen0, "strpbrk_s: slen is 0/401"),
+        {with(kOut, "strpbrk_s: count is null/400"), with(kDest, "strpbrk_s: dest is null/400"),
+         with(kSrc, "strpbrk_s: src is null/400"), with(kDmax0, "strpbrk_s: dmax is 0/401"),
+         with(kDmaxBig, "strpbrk_s: dmax exceeds max/403"), with(kSlen0, "strpbrk_s: slen is 0/401"),
          with(kSlenBig, "strpbrk_s: slen exceeds max/403"),
          {[](Args &a) { a.src = "xyz", a.slen = 2; }, "strpbrk_s: src is unterminated/407"},
-         {[](Args &a) { a.dest = "abcz", a.dmax = 3, a.src = "z"; },
-          "strpbrk_s: dest is unterminated/407"}});
+         {[](Args &a) { a.dest = "abcz", a.dmax = 3, a.src = "z"; }, "strpbrk_s: dest is unterminated/407"}});
     expect_in_order([](const Args &a, char **o) { return strrchar_s_tmp(a.dest, a.dmax, a.ch, o); },
-                    {with(kOut, "strlastchar_s: last is null/400"),
-                     with(kDest, "strlastchar_s: dest is null/400"),
-                     with(kDmax0, "strlastchar_s: dmax is 0/401"),
-                     with(kDmaxBig, "strlastchar_s: dmax exceeds max/403"),
+                    {with(kOut, "strlastchar_s: last is null/400"), with(kDest, "strlastchar_s: dest is null/400"),
+                     with(kDmax0, "strlastchar_s: dmax is 0/401"), with(kDmaxBig, "strlastchar_s: dmax exceeds max/403"),
                      {[](Args &a) { a.dest = "abab", a.dmax = 3; }, // a match does not count
                       "strlastchar_s: dest is unterminated/407"}});
     expect_in_order(
         [](const Args &a, char **o) { return strstr_s_tmp(a.dest, a.dmax, a.src, a.slen, o); },
-        {with(kOut, "strstr_s: substring is null/400"),
-         with(kDest, "strstr_s: dest is null/400"),
-         with(kDmax0, "strstr_s: dmax is 0/401"),
-         with(kDmaxBig, "strstr_s: dmax exceeds max/403"),
-         with(kSrc, "strstr_s: src is null/400"),
-         with(kSlen0, "strstr_s: slen is 0/401"),
+        {with(kOut, "strstr_s: substring is null/400"), with(kDest, "strstr_s: dest is null/400"),
+         with(kDmax0, "strstr_s: dmax is 0/401"), with(kDmaxBig, "strstr_s: dmax exceeds max/403"),
+         with(kSrc, "strstr_s: src is null/400"), with(kSlen0, "strstr_s: slen is 0/401"),
          with(kSlenBig, "strstr_s: slen exceeds max/403"),
          {[](Args &a) { a.dest = "aaaa", a.dmax = 2; }, "strstr_s: dest is unterminated/407"},
-         {[](Args &a) { a.dest = "xxbbyy", a.dmax = 10, a.src = "bbb"; },
-          "strstr_s: src is unterminated/407"}});
+         {[](Args &a) { a.dest = "xxbbyy", a.dmax = 10, a.src = "bbb"; }, "strstr_s: src is unterminated/407"}});
 }
 
 TEST(BoundedSearch, FindsWithoutReporting) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 
 #include "support/alloc.hpp"
@@ -14,11 +13,7 @@ namespace {
 
 using tov::test::live_blocks;
 
-uint64_t live_bytes(const char *label) {
-    kor_named_stats s{};
-    kor_named_get_stats(label, &s);
-    return s.live_bytes;
-}
+uint64_t live_bytes(const char *label) { return tov::test::stats(label).live_bytes; }
 
 const char *const kName[] = {"name"}, *const kEth0[] = {"eth0"}, *const kAB[] = {"a", "b"}, *const k12[] = {"1", "2"};
 
@@ -53,7 +48,7 @@ TEST(XPath, StepsAliasesAndTheErrorRecord) {
     const DataTree &p = error.error_path;
     EXPECT_EQ(p.value, steps[6].path);
     EXPECT_EQ(p.present[0], 1u << TOV_DATATREE_BIT_VALUE | 1u << TOV_DATATREE_BIT_ATTRIBUTES);
-    std::vector<std::string> declared, expected; // in the map's own order
+    tov::test::Strings declared, expected; // in the map's own order, which the declarations follow
     for (kor_hashmap_tuple *t = kor_hashmap_first(x.aliases); t; t = kor_hashmap_next(x.aliases, t))
         expected.push_back("xmlns:" + std::string(static_cast<char *>(kor_hashmap_value(t))) + "=" +
                            static_cast<char *>(kor_hashmap_key(t)) + "/3");
@@ -89,35 +84,33 @@ TEST(XPath, StepsAliasesAndTheErrorRecord) {
 // Each allocation fails in turn, once and from then on: 12 (0 for the path copy, which the error
 // may lack), a failed prepend leaves the path, and nothing is live after destroy and release.
 TEST(XPath, EveryAllocationFailureOnceAndPersistent) {
-    const struct Sweep {
-        std::function<int(XPathContext &, Error &)> call;
-        const char *benign;
-    } sweeps[] = {
-        {[](XPathContext &x, Error &) { return xpath_context_destroy(&x), xpath_context_init(&x); }, ""},
-        {[](XPathContext &x, Error &) { return xpath_prepend(&x, "l", "urn:new", kAB, k12, 2); }, ""},
-        {[](XPathContext &x, Error &e) { return xpath_to_tov_error(&x, &e); }, "copy of xpath path"},
+    XPathContext x{};
+    Error e{};
+    std::string before;
+    const auto arrange = [&] {
+        x = {}, e = {};
+        ASSERT_EQ(xpath_context_init(&x), 0);
+        ASSERT_EQ(xpath_prepend(&x, "top", "urn:b", kName, kEth0, 1), 0);
+        ASSERT_EQ(xpath_prepend(&x, "config", "urn:a", nullptr, nullptr, 0), 0);
+        before = x.path;
     };
-    for (const Sweep &s : sweeps) {
-        for (uint32_t persistent : {0u, 1u}) {
-            for (uint64_t k = 1, failures = 1; failures != 0; ++k) {
-                XPathContext x{};
-                Error e{};
-                ASSERT_EQ(xpath_context_init(&x), 0);
-                ASSERT_EQ(xpath_prepend(&x, "top", "urn:b", kName, kEth0, 1), 0);
-                ASSERT_EQ(xpath_prepend(&x, "config", "urn:a", nullptr, nullptr, 0), 0);
-                const std::string before = x.path;
-                kor_named_fail_config(k, persistent);
-                const int rc = s.call(x, e);
-                failures = kor_named_fail_count();
-                const char *label = failures ? kor_named_last_failed_label() : "";
-                kor_named_fail_config(0, 0);
-                EXPECT_EQ(rc, failures == 0 || std::strcmp(label, s.benign) == 0 ? 0 : 12) << k << label;
-                EXPECT_TRUE(rc == 0 || !x.path || before == x.path) << k; // init drops the path itself
-                kesh_tov_error_free_ext(&e, tov_gpb_free, 0, 0);
-                xpath_context_destroy(&x);
-                EXPECT_EQ(live_blocks(), 0u) << k;
-            }
-        }
+    const struct {
+        std::function<int()> call;
+        tov::test::Strings benign;
+    } sweeps[] = {
+        {[&] { return xpath_context_destroy(&x), xpath_context_init(&x); }, {}},
+        {[&] { return xpath_prepend(&x, "l", "urn:new", kAB, k12, 2); }, {}},
+        {[&] { return xpath_to_tov_error(&x, &e); }, {"copy of xpath path"}},
+    };
+    for (const auto &s : sweeps) {
+        const auto call = [&]() -> int64_t {
+            const int rc = s.call();
+            EXPECT_TRUE(rc == 0 || !x.path || before == x.path); // init drops the path itself
+            kesh_tov_error_free_ext(&e, tov_gpb_free, 0, 0);
+            xpath_context_destroy(&x);
+            return rc;
+        };
+        tov::test::allocation_points({call, 0, 12, s.benign, arrange});
     }
 }
 
