@@ -93,7 +93,7 @@ build() {
 run_tests() {
     local b=$1 dir=$2 filter=${3:-.}
     rm -rf "$dir/test-results" "$dir/Testing/Temporary/LastTestsFailed.log"
-    (cd "$dir" && ctest -j "$jobs" -R "$filter" --output-on-failure --timeout 1500) |
+    (cd "$dir" && ctest -j "$jobs" -R "$filter" --output-on-failure --timeout 1500 2>&1) |
         grep -vE "^ +Start|^[0-9]+/[0-9]+ Test +#.*Passed"
     read -r p f < <(count_results "$dir" "$filter")
     echo "$b: $p passed, $f failed in $(($(date +%s) - start)) s"
