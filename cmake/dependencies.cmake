@@ -1,9 +1,14 @@
 # SPDX-License-Identifier: BSD-3-Clause
 # What building the library needs, found at configure time; a missing piece names its Debian package.
 
+# tov_missing(WHAT PACKAGE [ALTERNATIVE]) stops the configuration.
 function(tov_missing what package)
-  message(FATAL_ERROR "tov: ${what} not found: install the Debian package ${package} (scripts/install-deps.sh "
-                      "installs everything the build and the tests need)")
+  set(alternative "")
+  if(ARGC GREATER 2)
+    set(alternative ", ${ARGV2}")
+  endif()
+  message(FATAL_ERROR "tov: ${what} not found: install the Debian package ${package}${alternative} "
+                      "(scripts/install-deps.sh installs everything the build and the tests need)")
 endfunction()
 
 find_package(PkgConfig QUIET)

@@ -69,6 +69,7 @@ class Registry {
         }
         return totals_.live_blocks;
     }
+    bool idle() const { return totals_.live_blocks == 0; }
     std::mutex mutex;
 
   private:
@@ -87,9 +88,30 @@ class Registry {
     kor_named_stats totals_{};
 };
 
+// Made on first use and kept while any block is live, since a block may be freed during exit.
+std::atomic<Registry *> g_registry{nullptr};
+
 Registry &registry() {
-    static Registry *r = new Registry; // never destroyed: blocks may be freed during exit
+    Registry *r = g_registry.load(std::memory_order_acquire);
+    if (!r) {
+        auto *fresh = new Registry;
+        if (g_registry.compare_exchange_strong(r, fresh, std::memory_order_acq_rel)) return *fresh;
+        delete fresh; // another thread made it first
+    }
     return *r;
+}
+
+// When the library is unloaded (dlclose, or the end of the process) with no block live, the
+// registry goes too, so that a module loader can load and unload the library without leaking it.
+__attribute__((destructor)) void release_idle_registry() {
+    Registry *r = g_registry.load(std::memory_order_acquire);
+    if (!r) return;
+    {
+        std::lock_guard lock(r->mutex);
+        if (!r->idle()) return;
+    }
+    g_registry.store(nullptr, std::memory_order_release);
+    delete r;
 }
 
 std::atomic<uint64_t> g_calls{0};

@@ -34,6 +34,8 @@ typedef struct kor_named_stats {
 TOV_API int kor_named_get_stats(const char *label, kor_named_stats *out);
 /* Writes one line per label that still has live blocks; returns the number of live blocks. */
 TOV_API uint64_t kor_named_report_live(FILE *out);
+/* Failure injection, for tests: in the static archives only, never exported by libtov-host. */
+
 /* Makes the n-th allocation from now fail (1 = the next one); 0 switches failure off. Counts
  * malloc, calloc and growing realloc calls of every label, in every thread. */
 TOV_API void kor_named_fail_nth(uint64_t n);

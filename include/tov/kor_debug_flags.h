@@ -55,7 +55,7 @@ TOV_API int _kor_dt_log_filter_adv(kor_dt_flag_t flag, uint32_t reserved1, uint3
 #endif
     ;
 
-/* Host-only controls. */
+/* Host-only controls, for tests: in the static archives only, never exported by libtov-host. */
 
 /* Chooses where written lines go. `ident` names the process in syslog (NULL: the program name);
  * it is only used with KOR_DT_SINK_SYSLOG. Returns 0 or EINVAL. */

@@ -23,7 +23,7 @@ expected=$(sed -n '/global:/,/local:/p' <<<"$script" | grep -o '[A-Za-z0-9_*]*;'
     done | sort -u)
 
 # nm prints versioned names as name@@NODE; the node itself is an absolute symbol.
-exported=$("$nm" -D --defined-only "$lib" | awk '{print $3}' | grep -vx "$node" | sort)
+exported=$("$nm" -D --defined-only "$lib" | awk -v node="$node" '{n = $3; sub(/@.*/, "", n); if (n != node) print $3}' | sort)
 status=0
 unversioned=$(grep -v "@@$node\$" <<<"$exported" || true)
 if [ -n "$unversioned" ]; then

@@ -11,7 +11,12 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 libdir=$(cd "$(dirname "$(find "$work/prefix" -name tov.pc | head -n 1)")/.." && pwd)
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 
-uses_shared() { readelf -d "$1" | grep -q 'NEEDED.*libtov'; }
+# expect_link PROGRAM shared|static
+expect_link() {
+    local kind=static
+    if readelf -d "$1" | grep -q 'NEEDED.*libtov'; then kind=shared; fi
+    [ "$kind" = "$2" ] || { echo "$1: linked $kind, expected $2"; exit 1; }
+}
 
 # CMake, one project per target: tov::tov (the default kind, shared), tov::tov_static.
 for target in tov tov_static; do
@@ -28,16 +33,16 @@ CMAKE
     cmake -S "$p" -B "$p/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
     cmake --build "$p/build" >/dev/null
     "$p/build/consumer" >/dev/null
-    if [ $target = tov ]; then uses_shared "$p/build/consumer"; else ! uses_shared "$p/build/consumer"; fi
+    if [ $target = tov ]; then expect_link "$p/build/consumer" shared; else expect_link "$p/build/consumer" static; fi
 done
 
 # pkg-config, shared; then static, with the shared libraries gone as on a static-only system.
 # shellcheck disable=SC2046
 "$cc" -std=c11 -Wall -Werror "$src/consumer.c" -o "$work/shared" $(pkg-config --cflags --libs tov)
 LD_LIBRARY_PATH="$libdir" "$work/shared" >/dev/null
-uses_shared "$work/shared"
+expect_link "$work/shared" shared
 rm "$libdir"/libtov*.so*
 # shellcheck disable=SC2046
 "$cc" -std=c11 -Wall -Werror "$src/consumer.c" -o "$work/static" $(pkg-config --static --cflags --libs tov)
 "$work/static"
-! uses_shared "$work/static"
+expect_link "$work/static" static

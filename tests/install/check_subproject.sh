@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # usage: check_subproject.sh SOURCE_DIR TEST_SOURCE_DIR C_COMPILER CXX_COMPILER
 # A parent project in Release adds the library with add_subdirectory: it gets the static library
 # (its BUILD_SHARED_LIBS is unset), its own newer C++ standard, no tests, no tools and nothing
