@@ -325,8 +325,7 @@ TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
         {get_run, true, {"eth0", "eth2"}},
         {"operation: 6 message_id: \"m\" session_id: SID", false, {"error_tag: \"invalid-value\"", "No confirmed commit is pending."}},
         {edit("candidate", {"eth3:2"}), true},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true confirm_timeout: 1 }", true},
-        {get_run, true, {}, {}, 1600}, // the one-second timeout runs out meanwhile
+        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true confirm_timeout: 1 }", true, {}, {}, 1600}, // then runs out
         {get_run, true, {"eth0"}, {"eth3"}, 0},
         {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true persist: \"p\" }", true},
         {get_run, true, {"eth3"}},
@@ -491,10 +490,8 @@ TEST_F(AgentTest, AKilledAgentRestartsWithTheLastAnsweredCommit) {
         a.stop(SIGKILL);
     });
     for (int i = 1; i <= 9999; ++i) {
-        char digits[5];
-        std::snprintf(digits, sizeof digits, "%04d", i);
         Bytes e = edit;
-        e.replace(e.find("0000"), 4, digits);
+        e.replace(e.find("0000"), 4, std::to_string(10000 + i).substr(1));
         Reply r1, r2;
         if (!client.call(e, r1) || !client.call(commit, r2)) break;
         ASSERT_EQ(r2.r.success, 1);
