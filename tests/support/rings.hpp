@@ -76,52 +76,40 @@ inline std::vector<std::string> ring_texts(const std::string &file) {
 inline std::pair<int, std::string> in_child(const std::function<std::string()> &body) {
     int fds[2];
     if (pipe(fds) != 0) return {-1, "pipe failed"};
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
+    if (pid_t pid = fork(); pid != 0) {
+        close(fds[1]);
         std::string text;
-        try {
-            text = body();
-        } catch (const std::exception &e) {
-            text = std::string("exception: ") + e.what(); // never back into the test runner
-        }
-        ssize_t ignored = write(fds[1], text.data(), text.size());
-        (void)ignored;
-        _exit(0);
+        char chunk[4096];
+        for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
+        close(fds[0]);
+        int status = -1;
+        waitpid(pid, &status, 0);
+        return {status, text};
     }
-    close(fds[1]);
     std::string text;
-    char chunk[4096];
-    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
-    close(fds[0]);
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return {status, text};
+    try {
+        text = body();
+    } catch (const std::exception &e) {
+        text = std::string("exception: ") + e.what(); // never back into the test runner
+    }
+    _exit(write(fds[1], text.data(), text.size()) < 0);
 }
 
 // In a child process: mounts a tmpfs of `size` over `dir` in a private mount namespace (as root,
 // or as root of a new user namespace). Returns "" or why it cannot.
 inline std::string private_tmpfs(const std::string &dir, const char *size) {
-    const uid_t uid = geteuid();
-    const gid_t gid = getegid();
+    const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
     if (unshare(CLONE_NEWNS) != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            return std::string("no private mount namespace: ") + std::strerror(errno);
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return std::string("no private mount namespace: ") + std::strerror(errno);
         // Keep our own ids inside, so that files stay ours.
-        auto put = [](const char *file, const std::string &text) {
-            int fd = open(file, O_WRONLY);
-            bool ok = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-            if (fd >= 0) close(fd);
-            return ok;
-        };
-        if (!put("/proc/self/setgroups", "deny") || !put("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1") ||
-            !put("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1"))
-            return "cannot map ids in a user namespace";
+        for (const auto &[file, text] : {std::pair<const char *, std::string>{"/proc/self/setgroups", "deny"},
+                                         {"/proc/self/uid_map", uid + " " + uid + " 1"},
+                                         {"/proc/self/gid_map", gid + " " + gid + " 1"}})
+            if (!(std::ofstream(file) << text << std::flush)) return "cannot map ids in a user namespace";
     }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return std::string("cannot make mounts private: ") + std::strerror(errno);
-    const std::string options = std::string("size=") + size + ",mode=0700";
-    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) != 0)
+    if (mount("tmpfs", dir.c_str(), "tmpfs", 0, (std::string("size=") + size + ",mode=0700").c_str()) != 0)
         return std::string("cannot mount a tmpfs: ") + std::strerror(errno);
     return "";
 }
