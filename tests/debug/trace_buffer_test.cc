@@ -1,9 +1,11 @@
 // The trace-buffer service: wrapping, limits, reopening, hostile directories and files, a full
-// file system, a truncated file, racing creators, and concurrent writers overtaking each other.
+// file system, a truncated file, racing creators, a writer killed mid-stream, and concurrent
+// writers overtaking each other.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -74,7 +76,10 @@ TEST_F(TraceRings, BadHandlesNamesAndSizesGetClearCodes) {
     EXPECT_EQ(trace_buffer_write(ring, 0, 0, "x"), EBADF);
     EXPECT_EQ(trace_buffer_close(ring), EBADF);
     const std::string too_long(256, 'n');
-    const struct { const char *name; uint32_t reserved, slots, bytes; } refused[] = {{"/abs", 0, kSlots, kBytes}, {"a/../b", 0, kSlots, kBytes},    {"a//b", 0, kSlots, kBytes},
+    const struct {
+        const char *name;
+        uint32_t reserved, slots, bytes;
+    } refused[] = {{"/abs", 0, kSlots, kBytes}, {"a/../b", 0, kSlots, kBytes},    {"a//b", 0, kSlots, kBytes},
                    {nullptr, 0, kSlots, kBytes}, {too_long.c_str(), 0, 8, kBytes}, {"x", 1, kSlots, kBytes},
                    {"x", 0, 1, kBytes},          {"x", 0, kSlots, kSlots * 63},   {"x", 0, 0x8000, 0x80000000u}};
     for (const auto &r : refused) {
@@ -96,7 +101,12 @@ TEST_F(TraceRings, DirectoriesAndRingFilesOthersCouldTouchAreRefused) {
     };
     auto use_default = [](const std::string &d) { unsetenv("TOV_TRACE_DIR"), setenv("XDG_RUNTIME_DIR", d.c_str(), 1); };
     // Each row prepares a fresh directory and names the ring to open there.
-    const struct { const char *what; bool needs_root; int expected; std::function<std::string(const std::string &)> prepare; } rows[] = {
+    const struct {
+        const char *what;
+        bool needs_root;
+        int expected;
+        std::function<std::string(const std::string &)> prepare;
+    } rows[] = {
         {"the default folder, private", false, 0, [&](const std::string &d) { use_default(d); return "r"; }},
         {"the default folder, world-writable", false, EPERM,
          [&](const std::string &d) { use_default(d), make(d + "/tov-trace", 0777, false); return "r"; }},
@@ -181,7 +191,6 @@ TEST_F(TraceRings, ATruncatedRingStopsTakingRecordsButNobodyCrashes) {
     EXPECT_EQ(answer, "0 0 0 0 5 5 0 1 0 0 again");
 }
 
-// The writers end with _exit and close nothing: what they wrote must already be in the file.
 TEST_F(TraceRings, ProcessesCreatingOneRingAtOnceAllWriteToTheSameFile) {
     constexpr int kWriters = 8, kRecords = 20;
     for (int round = 0; round < 10; ++round) {
@@ -230,10 +239,40 @@ TEST_F(TraceRings, AReaderKeepsToTheGeometryItOpenedWith) {
     EXPECT_EQ(trace_buffer_close(ring), 0);
 }
 
-// Thread t writes "t:i:" and i % 50 letters of its own, so that records span one to three slots and
-// any mix-up between records shows.
-std::string record(int t, int i) {
-    return (std::to_string(t) + ":" + std::to_string(i) + ":").append(static_cast<size_t>(i % 50), static_cast<char>('A' + t));
+// Records of writer t: "t:n:" and then filler up to a length that varies with n, so that records
+// span one to three slots and any mix-up between records shows.
+std::string record(int t, uint64_t n) {
+    return (std::to_string(t) + ":" + std::to_string(n) + ":").append(n % 50, static_cast<char>('A' + t + n % 20));
+}
+
+TEST_F(TraceRings, AnotherProcessReadsTheRingOfAWriterKilledMidStream) {
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        trace_buffer_t ring = 0;
+        if (trace_buffer_open("crash", 0, 0, 64, 64 * 64, 0, &ring) != 0) _exit(1);
+        for (uint64_t n = 0;; ++n) trace_buffer_write(ring, 0, 0, record(0, n).c_str());
+    }
+    // Killed once it is well past its first wrap.
+    for (int i = 0; i < 2000; ++i) {
+        auto texts = ring_texts(dir.file("crash"));
+        if (!texts.empty() && std::stoull(texts.back().substr(2)) > 1100) break; // the oldest then past 1000
+        usleep(5000);
+    }
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    RingReader reader;
+    ASSERT_EQ(reader.open(dir.file("crash")), 0);
+    EXPECT_EQ(reader.writer_pid(), static_cast<uint32_t>(child));
+    auto records = reader.read_all();
+    // 64 slots hold at least 21 records of up to three slots; the one cut by the kill is dropped,
+    // and nothing is missing between the oldest and the newest.
+    ASSERT_GE(records.size(), 20u);
+    const uint64_t first = std::stoull(records[0].text.substr(2));
+    EXPECT_GE(first, 1000u);
+    for (size_t i = 0; i < records.size(); ++i) EXPECT_EQ(records[i].text, record(0, first + i));
 }
 
 // With room for everything nothing is lost and each thread's records keep their order; in a ring
