@@ -266,50 +266,5 @@ TEST(Interop, RandomDataTreesFromTheCodec) {
     }
 }
 
-TEST(Interop, HandMadeMessagesBothWays) {
-    kesh::tov::datatree root;
-    root.set_name("interfaces");
-    auto *child = root.add_children();
-    child->set_name("interface");
-    child->set_operation(TOV_EDIT_OP_DELETE);
-    auto *attr = child->add_attributes();
-    attr->set_name("xmlns");
-    attr->set_value("urn:ietf:params:xml:ns:yang:ietf-interfaces");
-    child->mutable_node_info()->add_items("a");
-    child->mutable_node_info()->add_items("");
-    child->mutable_insert()->mutable_key()->set_value("k");
-    child->set_aux_number_12(0xFFFFFFFFu);
-    child->add_children()->set_value("leaf");
-    const std::string wire = root.SerializeAsString();
-
-    DataTree t;
-    ASSERT_EQ(kesh_tov_datatree_decode_ext(&t, reinterpret_cast<const uint8_t *>(wire.data()),
-                                           static_cast<uint32_t>(wire.size()), named_alloc, kLabel.ctx(), 0),
-              0);
-    ASSERT_EQ(t.children_count, 1u);
-    EXPECT_STREQ(t.children[0].attributes[0].value, "urn:ietf:params:xml:ns:yang:ietf-interfaces");
-    EXPECT_EQ(t.children[0].node_info.items_count, 2u);
-    EXPECT_STREQ(t.children[0].insert.key.value, "k");
-    EXPECT_EQ(t.children[0].aux_number_12, 0xFFFFFFFFu);
-    EXPECT_STREQ(t.children[0].children[0].value, "leaf");
-    EXPECT_EQ(encode(detail::kDataTree, &t), Bytes(wire.begin(), wire.end()));
-    kesh_tov_datatree_free_ext(&t, named_free, 0, 0);
-
-    // edit_config goes out as fields 1, 2, 4, 3, 5, and protobuf reads it all the same.
-    EditConfig ec{};
-    ec.option_2 = 1;
-    ec.option_3 = 3;
-    ec.option_4 = 4;
-    for (unsigned b : {TOV_EDIT_CONFIG_BIT_OPTION_2, TOV_EDIT_CONFIG_BIT_OPTION_3, TOV_EDIT_CONFIG_BIT_OPTION_4})
-        tov_bit_set(ec.present, b);
-    const Bytes ours = encode(detail::kEditConfig, &ec);
-    EXPECT_EQ(ours, (Bytes{0x10, 0x01, 0x20, 0x04, 0x18, 0x03}));
-    kesh::tov::edit_config parsed;
-    ASSERT_TRUE(parsed.ParseFromArray(ours.data(), static_cast<int>(ours.size())));
-    EXPECT_EQ(parsed.option_3(), 3u);
-    EXPECT_EQ(parsed.option_4(), 4u);
-    EXPECT_EQ(kLabel.live(), 0u);
-}
-
 } // namespace
 } // namespace tov::test
