@@ -38,9 +38,9 @@ TEST(Varint, ReadsTruncatesAndRefusesAsTheWireRulesSay) {
     for (const auto &c : cases) {
         uint32_t value = 0, pos = 0;
         EXPECT_EQ(protoc99_decode_var32(&value, &pos, c.in.data(), static_cast<uint32_t>(c.in.size())), c.rc)
-            << hex(c.in);
+            << ::testing::PrintToString(c.in);
         if (c.rc == 0) {
-            EXPECT_EQ(value, c.value) << hex(c.in);
+            EXPECT_EQ(value, c.value) << ::testing::PrintToString(c.in);
             EXPECT_EQ(pos, c.end);
         } else {
             EXPECT_EQ(pos, 0u) << "a failed read leaves the position alone";

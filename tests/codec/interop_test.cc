@@ -92,7 +92,7 @@ void expect_same(const MessageDesc &d, const uint8_t *rec, const pb::Message &m,
             sent = b && load<const char *>(member);
             break;
         case Kind::Message:
-            sent = b || !is_empty(*f.sub, member);
+            sent = b || detail::encode(*f.sub, member, nullptr, 0, nullptr, nullptr) != 0;
             break;
         case Kind::Messages:
         case Kind::Strings:
