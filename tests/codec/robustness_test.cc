@@ -61,33 +61,28 @@ TEST(AllocationFailure, EachPointOfDecodeAndDuplicateFailsCleanlyOnceOrFromThere
         gen.fill(detail::kDataTree, &source, 6);
         bytes = encode(detail::kDataTree, &source);
     }
-    const auto decode_points = allocation_points(Sweep{[&]() -> int64_t {
-                                                           DataTree t;
-                                                           const int32_t rc = decode_tree(t, bytes);
-                                                           free_tree(t);
-                                                           return rc;
-                                                       },
-                                                       0, -4});
-    EXPECT_GT(decode_points, 20u);
-    EXPECT_GT(allocation_points(Sweep{[&]() -> int64_t {
-                                          DataTree copy;
-                                          const int32_t rc = kesh_tov_datatree_duplicate(&copy, &source, named_alloc,
-                                                                                         kLabel.ctx());
-                                          // What could be copied is a sound record: its bytes decode
-                                          // again (into an arena, out of the failures' reach).
-                                          const Bytes partial = encode(detail::kDataTree, &copy);
-                                          free_tree(copy);
-                                          Arena arena;
-                                          DataTree again;
-                                          EXPECT_LE(partial.size(), bytes.size());
-                                          EXPECT_EQ(kesh_tov_datatree_decode_ext(&again, partial.data(),
-                                                                                 static_cast<uint32_t>(partial.size()),
-                                                                                 Arena::alloc, arena.ctx(), 0),
-                                                    0);
-                                          return rc;
-                                      },
-                                      0, -4}),
-              20u);
+    auto decode_once = [&]() -> int64_t {
+        DataTree t;
+        const int32_t rc = decode_tree(t, bytes);
+        free_tree(t);
+        return rc;
+    };
+    auto copy_once = [&]() -> int64_t {
+        DataTree copy, again;
+        const int32_t rc = kesh_tov_datatree_duplicate(&copy, &source, named_alloc, kLabel.ctx());
+        // What could be copied is a sound record: its bytes decode again (into an arena, out of
+        // the failures' reach).
+        const Bytes partial = encode(detail::kDataTree, &copy);
+        free_tree(copy);
+        Arena arena;
+        EXPECT_LE(partial.size(), bytes.size());
+        EXPECT_EQ(kesh_tov_datatree_decode_ext(&again, partial.data(), static_cast<uint32_t>(partial.size()),
+                                               Arena::alloc, arena.ctx(), 0),
+                  0);
+        return rc;
+    };
+    EXPECT_GT(allocation_points(Sweep{decode_once, 0, -4}), 20u);
+    EXPECT_GT(allocation_points(Sweep{copy_once, 0, -4}), 20u);
     free_tree(source);
     EXPECT_EQ(kLabel.live(), 0u);
 }
