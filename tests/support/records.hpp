@@ -27,25 +27,6 @@ inline Bytes encode(const detail::MessageDesc &desc, const void *record) {
     return out;
 }
 
-// True when the record's encoding is empty.
-inline bool is_empty(const detail::MessageDesc &desc, const void *record) {
-    return detail::encode(desc, record, nullptr, 0, nullptr, nullptr) == 0;
-}
-
-inline std::string hex(const Bytes &b) {
-    std::string s;
-    char buf[4];
-    for (uint8_t c : b) {
-        std::snprintf(buf, sizeof buf, "%02X ", c);
-        s += buf;
-    }
-    return s;
-}
-
-} // namespace tov::test
-
-namespace tov::test {
-
 // Random records of any message, driven by its table: every field kind the codec has, nesting
 // through inline records and arrays down to `depth`, fan-out up to `max_elements`. Strings and
 // arrays come from `alloc`, so a record is released with its free_ext.
