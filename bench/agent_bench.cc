@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Requests per second and latency of tov-agent, measured over its socket: get-config of running
 // holding the 10k-node workload, and small edit-configs against that configuration.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The codec against Google protobuf with an Arena ("gpb-arena") and protobuf-c on the same bytes:
 // the request files in $TOV_WORKLOADS (default ../shared/workloads). Every case runs as
 // interleaved repetitions; the table at the end gives, per workload and operation, the median

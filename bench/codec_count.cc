@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // One codec operation on one request file, for instruction counting under callgrind:
 //   valgrind --tool=callgrind --toggle-collect='counted_*' codec_count FILE decode|encode|duplicate|free
 // Blocks come from a bump arena, so the counts are the codec's own. Prints the node count of the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: BSD-3-Clause
 # Toolchain file for the 32-bit x86 build, the library's real target, on an x86-64 Debian host.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Duplicating: the record is copied whole, then each owned member of its flat list (its own and
 // those of its inline records, in record order) gets a copy of its own. A failed allocation leaves
 // that member absent, sets the result to -4, and the copy goes on.

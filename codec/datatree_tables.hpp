@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tables of the data tree messages and of the schema, logging, settings and telemetry messages.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Decoding: one cursor per message being read, on an explicit stack; a nested message (inline,
 // element of a run, or payload flag) is entered by pushing a cursor over exactly its bytes.
 #include "codec/engine.hpp"

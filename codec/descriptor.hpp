@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Message descriptors: every message is one constant table of fields in record order, and one
 // engine (decode.cc, encode.cc, copy.cc, release.cc) does the four operations for all of them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Encoding. One emit routine walks a record back to front (fields from the last to the first,
 // elements from the last to the first) and is run with two outputs: a counter, which measures, and
 // a writer, which lays the bytes down from the end of the encoding towards its start. Written back

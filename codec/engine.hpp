@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The one codec engine behind every kesh_tov_<message>_* function: one walk per operation
 // (decode.cc, encode.cc, copy.cc, release.cc), each over its own explicit stack, so the depth of a
 // data tree never costs C stack.

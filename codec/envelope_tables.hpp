@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tables of the request and response envelopes and the error records.
 #pragma once
 

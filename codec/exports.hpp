@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Stamps out the exported kesh_tov_<message>_* functions from the message list as thin wrappers
 // over the engine: the table of message name is k<Record>, and messages that own no memory drop
 // the arguments they have no use for.

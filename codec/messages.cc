@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The exported functions of every message, one list entry each.
 #include "codec/envelope_tables.hpp"
 #include "codec/exports.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Tables of the operation payload messages.
 #pragma once
 

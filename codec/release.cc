@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Releasing: each record's flat list of owned members (its own and those of its inline records,
 // in record order): strings, string arrays after their items, record arrays after their elements.
 #include "codec/engine.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Varint reading, shared by the decoder and protoc99_decode_var32.
 #pragma once
 

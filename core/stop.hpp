@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The one way the library stops the process on a programming error (a null context where one is
 // required): store the source line to an invalid address, so a crash record shows where, then abort.
 #pragma once

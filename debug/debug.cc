@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Debug contexts: set-up and release, the level filter, component lookup and the naming helpers.
 #include <cstdio>
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // State and tables shared by the diagnostics sources.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The framework's codec allocator pair, arrays of empty data trees, and the printers that render
 // a data tree or a schema list as indented text into a component's trace ring.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The data-tree printer behind tov_gpb_datatree_trace_internal, with both ways of rendering a child.
 #pragma once
 

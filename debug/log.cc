@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The trace-ring half of the logging statement.
 #include "debug/log.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The library's logging statement, in four levels:
 //
 //   TOV_ERR(ctx, "mem init failure: %s", error_code_text(rc));          plain

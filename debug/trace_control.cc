@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Trace rings of the components, run-time level control and trace clearing.
 #include <cstdio>
 #include <unistd.h>

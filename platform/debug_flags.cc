@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Host debug-flag facility: named flags in a parent/child hierarchy, and the filtered line writer.
 //
 // Flags are kept in a table keyed by never-reused handles, so a destroyed or invented handle is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Host error-text service: library result codes, the codec's small negative codes and errno values.
 #include <cstring>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Host implementation of the platform's hash map on std::unordered_map. Each stored key carries
 // the caller's hash of it, so the container rehashes and compares without calling back, and
 // tuple operations (next, remove) find their entry by pointer identity alone: a visitor may free

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Host implementation of the platform's named allocator: malloc with a small header that ties each
 // block to its label's counters, so tests can prove that nothing leaks and can fail the n-th call.
 #include <atomic>

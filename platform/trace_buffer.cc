@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Host trace-buffer service: rings in memory-mapped files (format in trace_ring.hpp).
 //
 // Handles index a fixed table and carry a generation, so a closed or invented handle is refused

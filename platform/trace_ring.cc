@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Trace-ring files: checksum, validation, the runtime directory and the reader.
 #include "platform/trace_ring.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The trace-ring file format, shared by the writer (trace_buffer.cc), the reader tool and tests.
 //
 // A ring file is a 4096-byte header followed by `slot_count` slots of `slot_size` bytes. Records are

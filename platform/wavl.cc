@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Host balanced tree: Boost.Intrusive's AVL algorithms over the platform's C link header.
 #include <boost/intrusive/avltree_algorithms.hpp>
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Request results: NETCONF errors with their error-info, the message-id and session checks, the
 // management engine's outcome, and the bare failure sent when memory ran out.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The session store: sessions in the platform tree, keyed by random non-zero 32-bit ids.
 #include <cstdlib>
 #include <safe_mem_lib.h>

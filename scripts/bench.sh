@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # The codec against Google protobuf with an Arena and protobuf-c on the workload files.
 #   scripts/bench.sh [REPS]   Release build; REPS (default 15) interleaved repetitions of every
 #                             case; prints each contender's median over gpb-arena's, with the

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # A minute with the library: builds tov-agent, tov-msg and tov-trace, starts the agent on a fresh
 # datastore, plays one management session against it with tov-msg send (each request and its
 # response printed), shows what the agent wrote into its "ME" trace ring, and stops the agent.

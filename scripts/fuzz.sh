@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # Longer fuzzing campaigns for the codec's decoders, in the clang sanitizer build.
 #   scripts/fuzz.sh                     request, response, datatree 600 s each; every other 60 s
 #   scripts/fuzz.sh 120 datatree error  the named messages, 120 s each

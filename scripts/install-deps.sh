@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # Installs the Debian packages that building and testing need, and only those that are missing.
 # Run as root (or through sudo) on Debian 12; safe to run again.
 set -u

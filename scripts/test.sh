@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # The one command that takes a fresh Debian machine to a tested library: installs what is missing,
 # then configures each build from its preset in CMakePresets.json, builds it with warnings as
 # errors, runs its tests, and ends with one line "N passed, N failed".

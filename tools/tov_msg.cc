@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // tov-msg: writes and reads the framework's messages as protobuf text format, and sends one request
 // to an agent. Field names come from the codec's own tables, so the tool needs no second
 // description of the messages.

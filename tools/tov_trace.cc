@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // tov-trace: lists, prints and follows the trace rings of tov framework processes.
 #include <algorithm>
 #include <cerrno>

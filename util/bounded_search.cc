@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Bounded search routines in the safe-string style. They keep their own maximum bound
 // (TOV_STR_SEARCH_MAX) rather than libsafec's string cap, and report argument violations through
 // libsafec's constraint handler under the names of the safe-string routines they stand in for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Multi-pattern replacement in one pass: find every match, order them, drop overlaps, then build
 // the result in a single allocation of its exact size.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The safe-string library as the string helpers use it: its headers, the one entry point it
 // exports without declaring, and the string limit checks built on its cap.
 #pragma once

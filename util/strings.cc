@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // String helpers on the safe-string library. Every string is measured against the library's
 // limit before it is used, so a string that reaches the limit is refused as a whole instead of
 // being copied, compared or trimmed in part.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The XPath builder: an error path grown at its front, one step per level of the tree being
 // unwound, with one short alias per namespace, then copied with its namespace declarations into
 // an error record.

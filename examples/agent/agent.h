@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* tov-agent: a sample framework process. Shared declarations of its parts: logging (main.c), the
  * data-tree helpers (tree.c), the management engine (engine.c) and persistence (store.c). */
 #ifndef TOV_AGENT_H

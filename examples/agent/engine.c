@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The sample management engine: three datastores as data trees, the NETCONF operations on them,
  * locks, confirmed commits and persistence. It answers through the library's request-result
  * functions, and builds the error path of a data error with the XPath builder. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* tov-agent: a sample framework process built on the tov library.
  *
  * It starts up in the library's order (agent name, root debug component, sub-components, session

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Datastores on disk: each file holds one encoded datatree. A file is replaced whole: the new bytes
  * go to a temporary file that is flushed before it is renamed over the old one, and the directory
  * is flushed after the rename, so a crash at any moment leaves either the old or the new file. */

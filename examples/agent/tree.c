@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Data-tree helpers of the sample engine. Trees hold their children by value, one array per
  * parent, all from the framework's allocator pair, so a tree is released with
  * kesh_tov_datatree_free_ext(tree, tov_gpb_free, 0, 0). */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The message codec: the contract (tov/codec_base.h) and the records of every message, one header
  * per family. TOV_MESSAGES(X) lists all of them, once. */
 #ifndef TOV_CODEC_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The codec contract: one plain record per message and four operations for each, generated to
  * one pattern:
  *

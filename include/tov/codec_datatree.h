@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Codec records of the data tree messages and of the schema, logging, settings and telemetry
  * messages. The pattern of their functions: tov/codec_base.h. */
 #ifndef TOV_CODEC_DATATREE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Debug contexts, components, levels, trace rings and run-time level control.
  *
  * Every framework process logs through DebugContexts: one per debug component, each holding the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Export macro and C linkage guards shared by every public header. */
 #ifndef TOV_EXPORT_H
 #define TOV_EXPORT_H

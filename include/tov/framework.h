@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The per-process and per-request contexts that request support, sessions and level control take.
  *
  * A framework process keeps one FrameworkContext: its session store, its root debug component and

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Data trees for the framework: the allocator pair every codec call of a framework process gets,
  * arrays of empty DataTree records, and the printers that write a data tree or a schema list into
  * a component's trace ring as indented text. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The platform's named allocator, as the host supplies it. Every block carries a label, and live
  * and peak counts are kept per label so that leaks show up by name. */
 #ifndef TOV_KOR_ALLOC_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The platform's debug-flag facility, as the host supplies it.
  *
  * Flags are named and form a parent/child hierarchy (a component's flag with "error", "debug" and

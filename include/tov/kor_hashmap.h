@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The platform's hash map, as the host supplies it: an unordered map from caller-owned keys to
  * caller-owned values, with the caller's hash and equality callbacks. The map never copies,
  * frees or looks inside a key or value except through the callbacks.

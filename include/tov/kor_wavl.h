@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The platform's balanced binary search tree, as the host supplies it.
  *
  * The tree is intrusive: a record embeds one or more link headers (`kor_wavl_node`), one per tree

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Request operation codes: the number a request carries in `operation`, its name in log lines, and
  * the index of a component's per-operation log level. One list, from which the enumeration, the
  * count and the names are made. */

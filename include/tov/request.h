@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Request checks and NETCONF error records.
  *
  * These fill the request_result of a response: success, or one rpc-error with its type, tag,

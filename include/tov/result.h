@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* Library result codes and their texts. Every framework function returns one of these (0 is
  * success); codes of platform calls are passed up unchanged. */
 #ifndef TOV_RESULT_H

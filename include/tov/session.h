@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The session store.
  *
  * Each framework process keeps its open management sessions in a SessionStore, a balanced tree of

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* String helpers, bounded search routines and the string callbacks of string-keyed hash maps.
  *
  * Every new string or array a function returns comes from the named allocator and is released

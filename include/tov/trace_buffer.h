@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The platform's trace-buffer service, as the host supplies it.
  *
  * A trace ring is a named, fixed-size circle of records that overwrites its oldest records. It

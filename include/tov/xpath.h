@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* The XPath builder: an error path built from the innermost node outwards while a handler unwinds
  * its walk of a data tree, with a short alias (ns1, ns2, ...) per namespace, then copied into an
  * error record with the namespace declarations as xmlns attributes.

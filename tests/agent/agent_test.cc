@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // tov-msg against protoc, and a running tov-agent driven over its socket.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Canonical encodings of random records of every message, through each message's own exported
 // functions: each decodes, duplicates and encodes back to the same bytes. With TOV_CORPUS_DIR set they are also written out as the fuzz targets' seeds.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The behaviours a table-driven engine could get wrong: varints, presence against content,
 // one-run repeated fields, the result codes (hostile lengths among them), truncation, short
 // capacities, spans, duplication and release.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Interoperability with Google protobuf built from proto/tov.proto, in both directions, and the
 // check that every codec table agrees with the schema's descriptors.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The wire details particular to some messages: defaults, booleans, and edit_config's field order.
 // Everything else a message does is the engine's, checked once in engine_test, and every message
 // round trips through the corpus, the interop and the fuzz tests.

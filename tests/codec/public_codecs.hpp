@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Every message's four public functions behind one uniform shape, so that a check written once
 // runs against every exported kesh_tov_* entry point (whatever arguments the message drops).
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Hostile conditions: every allocation failing in turn, trees a million levels deep on a small
 // stack, a run too long to size, and no heap calls below 256 levels. Hostile lengths are rows of
 // the engine test's table of result codes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Debug contexts: set-up, sub-components, release, level control and trace clearing.
 #include <gtest/gtest.h>
 

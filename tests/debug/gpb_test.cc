@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The trace printers, read back from the ring record by record; the codec allocator pair and the
 // data-tree arrays with their labels and their failure line.
 #include <gtest/gtest.h>

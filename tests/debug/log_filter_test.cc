@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The logging statement: which lines reach the platform facility, which reach the trace ring, and
 // their exact texts.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The trace-buffer service: wrapping, limits, reopening, hostile directories and files, a full
 // file system, a truncated file, racing creators, a writer killed mid-stream, and concurrent
 // writers overtaking each other.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The tov-trace reader, run as a separate process on a ring this process writes.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // libFuzzer target for every decoder: `fuzz_codec --message=request [libFuzzer flags] [corpus...]`;
 // `fuzz_codec --list-messages` names them all.
 // Each input is decoded; a decoded record must re-encode, duplicate to a copy that encodes to the

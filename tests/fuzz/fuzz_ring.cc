@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // libFuzzer target for the ring reader: whatever a ring file holds, and however it is rewritten or
 // cut short while it is read, reading stays inside the mapping, ends, and every text escapes.
 //

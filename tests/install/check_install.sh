@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: BSD-3-Clause
 # usage: check_install.sh BUILD_DIR SOURCE_DIR C_COMPILER
 # Installs the library into a scratch prefix and builds a user's C program against it, shared and
 # static, through pkg-config and through find_package(tov). The static programs must run without

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: BSD-3-Clause */
 /* A user's program: builds against the installed headers and library only. */
 #include <stdio.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Request checks and result errors: codes, every error field and presence bit, the label of every
 // copy, the log lines in both places, and every allocation failing once and from then on.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The road of one request, end to end, once per outcome: bytes from libprotobuf decoded with the
 // framework's allocator pair, checked, the engine's outcome turned into a result with an XPath
 // error path, the response measured, encoded and parsed back by libprotobuf, everything released.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The session store against a std::map, with the tree's shape checked, and its failure paths.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Allocation helpers of every test: accounting by label through the named allocator, codec
 // callbacks over it, an arena for storage the codec drops on purpose, and the sweep that fails
 // each allocation of a call in turn.

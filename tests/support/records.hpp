@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Record helpers of the codec tests: bytes, encoding through a table, and a generator of random
 // records of any message with fixed seeds.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // Helpers of the diagnostics and session tests: a private ring directory per test, the captured
 // platform lines, and ring contents read back as another process would.
 #pragma once

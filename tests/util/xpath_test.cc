@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: BSD-3-Clause
 // The XPath builder: paths and aliases step by step with their exact sizes, the copy into an error
 // record with its labels, and every allocation failing once and from then on.
 #include <gtest/gtest.h>
