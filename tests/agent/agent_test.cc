@@ -427,7 +427,7 @@ TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
     std::vector<std::thread> threads;
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
-            const fs::path own = t.path / ("c" + std::to_string(c));
+            const fs::path own = t.path / std::string("c").append(std::to_string(c));
             fs::create_directories(own);
             Client client(a.socket());
             Reply s;
