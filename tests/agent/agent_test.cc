@@ -115,55 +115,33 @@ TEST(MsgTool, DecodeEqualsProtocOnTheCorpusAndTheWorkloads) {
     }
 }
 
-TEST(MsgTool, EncodeReadsWhatDecodePrintsAndNamesTheSpotOfBadText) {
+// chain1k is deeper than protoc will go.
+TEST(MsgTool, EncodeReadsWhatDecodePrints) {
     TempDir t;
-    for (const char *w : {"flat1k.bin", "chain1k.bin"}) { // chain1k is deeper than protoc will go
+    for (const char *w : {"flat1k.bin", "chain1k.bin"}) {
         if (!fs::exists(fs::path(TOV_WORKLOADS) / w)) continue;
         const Bytes original = slurp(fs::path(TOV_WORKLOADS) / w);
-        const auto text = run(TOV_MSG, {"decode", "request"}, original, t.path);
-        const auto bytes = run(TOV_MSG, {"encode", "request"}, text.second, t.path);
-        ASSERT_EQ(bytes.first, 0);
-        EXPECT_TRUE(bytes.second == original) << w;
+        const auto bytes = run(TOV_MSG, {"encode", "request"}, run(TOV_MSG, {"decode", "request"}, original, t.path).second, t.path);
+        EXPECT_TRUE(bytes.first == 0 && bytes.second == original) << w;
     }
-    const struct { const char *text, *error; } bad[] = {
-        {"operation: 1\n  nosuch: 2", "<stdin>:2:3: message 'request' has no field named 'nosuch'"},
-        {"operation: -1", "<stdin>:1:12: '-1' is not an unsigned number up to 4294967295"},
-        {"message_id: \"a\" message_id: \"b\"", "<stdin>:1:17: field 'message_id' is given more than once"},
-        {"lock { target { name: \"x }", "<stdin>:1:23: unterminated string"},
-        {"lock { target {", "<stdin>:1:16: expected '}' before the end"},
-    };
-    for (const auto &b : bad) {
-        const auto r = run(TOV_MSG, {"encode", "request"}, b.text, t.path);
-        EXPECT_EQ(r.first, 3) << b.text;
-        EXPECT_NE(slurp(t.path / "err").find(b.error), std::string::npos) << slurp(t.path / "err");
-    }
+    EXPECT_EQ(run(TOV_MSG, {"encode", "request"}, "operation: -1", t.path).first, 3) << "no silently wrong value";
 }
 
 // ---- the agent ----
 
 class Agent {
 public:
-    explicit Agent(const fs::path &dir, std::vector<std::string> extra = {}) : dir_(dir) { start(std::move(extra)); }
-    // A clean stop exits 0; under the sanitizers that also means nothing leaked.
-    ~Agent() {
-        if (pid_ > 0) {
-            EXPECT_EQ(stop(SIGTERM), 0) << slurp(dir_ / "agent.err");
-        }
-    }
-    void start(std::vector<std::string> extra = {}) {
+    explicit Agent(const fs::path &dir, std::vector<std::string> extra = {}) : dir_(dir) {
         std::vector<std::string> args = {"--socket", socket(), "--datastore", (dir_ / "data").string()};
         args.insert(args.end(), extra.begin(), extra.end());
         ::setenv("TOV_TRACE_DIR", (dir_ / "rings").c_str(), 1);
         pid_ = spawn(command(TOV_AGENT, args), "/dev/null", dir_ / "agent.out", dir_ / "agent.err");
         for (int i = 0; i < 500 && !fs::exists(socket()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    int stop(int sig) {
-        if (pid_ <= 0) return -1;
-        kill(pid_, sig);
-        int rc = wait_exit(pid_);
-        pid_ = -1;
-        if (sig == SIGKILL) fs::remove(socket());
-        return rc;
+    // A clean stop exits 0; under the sanitizers that also means nothing leaked.
+    ~Agent() {
+        kill(pid_, SIGTERM);
+        EXPECT_EQ(wait_exit(pid_), 0) << slurp(dir_ / "agent.err");
     }
     std::string socket() const { return (dir_ / "agent.sock").string(); }
     // tov-msg send: exit status and the response as text
@@ -261,17 +239,12 @@ protected:
 
 const char kIf[] = "urn:ietf:params:xml:ns:yang:ietf-interfaces";
 
-// edit-config of interface entries into `target`: each "NAME:OP" (OP a node operation, or "-").
-std::string edit(const std::string &target, std::vector<std::string> entries) {
-    std::string s = "operation: 1 message_id: \"e\" session_id: SID edit_config { target { name: \"" + target + "\" } config { name: \"config\" children { name: \"interfaces\" qualifier: \"" + kIf + "\" ";
-    for (const auto &e : entries) {
-        const auto colon = e.find(':');
-        const std::string name = e.substr(0, colon), op = e.substr(colon + 1);
-        s += "children { name: \"interface\" " + (op == "-" ? "" : "operation: " + op + " ") +
-             "attributes { name: \"key\" value: \"name\" } children { name: \"name\" value: \"" + name +
-             "\" } children { name: \"mtu\" value: \"1500\" } } ";
-    }
-    return s + "} } }";
+// edit-config of one interface entry into the candidate with node operation `op`.
+std::string edit(const std::string &name, int op) {
+    return "operation: 1 message_id: \"e\" session_id: SID edit_config { target { name: \"candidate\" } config { "
+           "children { name: \"interfaces\" qualifier: \"" + std::string(kIf) + "\" children { name: \"interface\" "
+           "operation: " + std::to_string(op) + " attributes { name: \"key\" value: \"name\" } children { name: \"name\" "
+           "value: \"" + name + "\" } } } } }";
 }
 
 std::string path_of(const std::string &name) {
@@ -293,9 +266,9 @@ TEST_F(AgentTest, ASessionGetsItsAnswersAndNetconfErrors) {
         {"operation: 0 message_id: \"m\" session_id: 7", false, {"error_tag: \"invalid-value\"", "Entered session ID was not found."}},
         {lock, true, {"text: \"m\""}},
         {lock, false, {"error_tag: \"lock-denied\"", "name: \"session-id\"", "value: \"SID\""}},
-        {edit("candidate", {"eth0:2"}), true},
-        {edit("candidate", {"eth0:2"}), false, {"error_tag: \"data-exists\"", path_of("eth0"), std::string("value: \"") + kIf + "\"", "name: \"xmlns:ns1\""}},
-        {edit("candidate", {"eth9:3"}), false, {"error_tag: \"data-missing\"", path_of("eth9")}},
+        {edit("eth0", 2), true},
+        {edit("eth0", 2), false, {"error_tag: \"data-exists\"", path_of("eth0"), std::string("value: \"") + kIf + "\"", "name: \"xmlns:ns1\""}},
+        {edit("eth9", 3), false, {"error_tag: \"data-missing\"", path_of("eth9")}},
         {"operation: 5 message_id: \"m\" session_id: SID", true},
         {"operation: 0 message_id: \"m\" session_id: SID", true, {"eth0"}, {"eth9"}},
         {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 99 value_2: 3 }", false, {"error_tag: \"invalid-value\""}},
@@ -394,39 +367,6 @@ TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
     for (int i = 0; i < 500 && (after = live_blocks(a, admin)) != before; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_EQ(after, before);
-}
-
-TEST_F(AgentTest, AKilledAgentRestartsWithTheLastAnsweredCommit) {
-    Agent a(t.path);
-    Client client(a.socket());
-    Reply s;
-    ASSERT_TRUE(client.call(encode("operation: 11 message_id: \"s\"", t.path), s));
-    const std::string own = std::to_string(s.r.code);
-    // one encoding each; the edits differ only in their four digits
-    const Bytes edit = encode("operation: 1 message_id: \"e\" session_id: " + own +
-                              " edit_config { config { children { name: \"seq\" value: \"0000\" } } }", t.path);
-    const Bytes commit = encode("operation: 5 message_id: \"c\" session_id: " + own, t.path);
-    int answered = 0;
-    std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(kEmulated ? 1500 : 300));
-        a.stop(SIGKILL);
-    });
-    for (int i = 1; i <= 9999; ++i) {
-        Bytes e = edit;
-        e.replace(e.find("0000"), 4, std::to_string(10000 + i).substr(1));
-        Reply r1, r2;
-        if (!client.call(e, r1) || !client.call(commit, r2)) break;
-        ASSERT_EQ(r2.r.success, 1);
-        answered = i;
-    }
-    killer.join();
-    ASSERT_GT(answered, 0);
-    a.start();
-    const auto [rc, text] = a.send("operation: 0 message_id: \"m\" session_id: " + start_session(a));
-    ASSERT_EQ(rc, 0) << text;
-    const int kept = std::atoi(field(text.substr(text.find("name: \"seq\"")), "value").c_str() + 1);
-    // the commit in flight when the agent died may have reached the disk before its answer
-    EXPECT_TRUE(kept == answered || kept == answered + 1) << kept << " vs " << answered;
 }
 
 } // namespace

@@ -140,23 +140,14 @@ TEST(Depth, AMillionLevelsOnA256KiBStack) {
 TEST(HostileSizes, ARunTooLongToSizeIsRefusedBeforeAllocating) {
     // Enough empty children that count x record size exceeds 32 bits: two bytes each.
     const uint64_t count = UINT32_MAX / sizeof(DataTree) + 1;
-    Bytes run(count * 2);
-    for (uint64_t i = 0; i < count; ++i) {
-        run[2 * i] = 0x3A;
-        run[2 * i + 1] = 0x00;
-    }
+    Bytes run(count * 2, 0x00);
+    for (uint64_t i = 0; i < count; ++i) run[2 * i] = 0x3A;
     const uint64_t before = kLabel.total();
     DataTree t;
     EXPECT_EQ(decode_tree(t, run), -4);
     EXPECT_EQ(kLabel.total(), before);
     free_tree(t);
 }
-
-} // namespace
-} // namespace tov::test
-
-namespace tov::test {
-namespace {
 
 #if TOV_HEAP_SHIM
 // Blocks from a fixed region and a release that does nothing: the callbacks touch no heap either.
