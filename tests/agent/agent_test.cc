@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -27,9 +26,8 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::string;
 
-const bool kEmulated = std::string(TOV_AGENT_EMULATOR).size() > 0;
-// Sanitized and emulated builds run the load with fewer requests.
-const bool kLight = kEmulated || TOV_AGENT_SANITIZED;
+// Sanitized and emulated builds compare fewer messages.
+const bool kLight = std::string(TOV_AGENT_EMULATOR).size() > 0 || TOV_AGENT_SANITIZED;
 
 // ---- processes ----
 
@@ -216,12 +214,6 @@ struct Client {
     }
 };
 
-Bytes encode(const std::string &text, const fs::path &dir) {
-    auto [rc, bytes] = run(TOV_MSG, {"encode", "request"}, text, dir);
-    EXPECT_EQ(rc, 0) << text;
-    return bytes;
-}
-
 class AgentTest : public ::testing::Test {
 protected:
     TempDir t;
@@ -229,11 +221,6 @@ protected:
         auto [rc, text] = a.send("operation: 11 message_id: \"s\" start_session { number_3: 1 }");
         EXPECT_EQ(rc, 0);
         return field(text, "code");
-    }
-    uint64_t live_blocks(Agent &a, const std::string &sid) {
-        auto [rc, text] = a.send("operation: 10 message_id: \"g\" session_id: " + sid);
-        const auto at = text.find("name: \"live-blocks\"");
-        return at == std::string::npos ? 0 : std::strtoull(field(text.substr(at), "value").c_str() + 1, nullptr, 10);
     }
 };
 
@@ -305,68 +292,15 @@ TEST_F(AgentTest, BadFramesGetAnErrorAndACloseWhileTheAgentServesOn) {
         EXPECT_EQ(r.tag(), c.tag);
         EXPECT_TRUE(client.at_eof());
     }
-    // an empty frame is an empty request: answered, and the connection stays (the agent served on)
+    // Empty frames are empty requests: two in one write get two answers, in order, and the
+    // connection stays (the agent served on).
     Client client(a.socket());
-    for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(client.write_all("\0\0\0\0\0\0\0\0", 8));
+    for (int i = 0; i < 3; ++i) {
         Reply r;
-        ASSERT_TRUE(client.call("", r));
+        ASSERT_TRUE(i < 2 ? client.response(r) : client.call("", r));
         EXPECT_EQ(r.tag(), "missing-attribute");
     }
-}
-
-TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
-    Agent a(t.path);
-    const int clients = kEmulated ? 4 : 20, requests = kLight ? 400 : 10000, batch = 100;
-    const std::string admin = start_session(a);
-    // one leaf per client, made before counting, so that the clients' merges only swap values
-    std::string leaves;
-    for (int c = 0; c < clients; ++c) leaves += "children { name: \"c" + std::to_string(c) + "\" value: \"0\" } ";
-    const std::string load = " edit_config { config { children { name: \"load\" qualifier: \"urn:load\" ";
-    ASSERT_EQ(a.send("operation: 1 message_id: \"l\" session_id: " + admin + load + leaves + "} } }").first, 0);
-    const uint64_t before = live_blocks(a, admin);
-    ASSERT_GT(before, 0u);
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int c = 0; c < clients; ++c) {
-        threads.emplace_back([&, c] {
-            const fs::path own = t.path / std::string("c").append(std::to_string(c));
-            fs::create_directories(own);
-            Client client(a.socket());
-            Reply s;
-            if (!client.call(encode("operation: 11 message_id: \"s\"", own), s) || !s.r.success) {
-                ADD_FAILURE() << "client " << c << " has no session";
-                return void(++wrong);
-            }
-            // a get-config and a merge of the client's own leaf, encoded once and sent in turn
-            const std::string sid = std::to_string(s.r.code);
-            const Bytes bodies[2] = {
-                encode("operation: 0 message_id: \"G\" session_id: " + sid + " get_config { source { name: \"candidate\" } }", own),
-                encode("operation: 1 message_id: \"M\" session_id: " + sid + load + "children { name: \"c" + std::to_string(c) +
-                       "\" value: \"" + std::to_string(c * 7) + "\" } } } }", own)};
-            for (int done = 0; done < requests; done += batch) {
-                Bytes out;
-                for (int i = done; i < done + batch; ++i) {
-                    uint32_t be = htonl(static_cast<uint32_t>(bodies[i % 2].size()));
-                    out.append(reinterpret_cast<const char *>(&be), 4).append(bodies[i % 2]);
-                }
-                if (!client.write_all(out.data(), out.size())) return void(++wrong);
-                for (int i = done; i < done + batch; ++i) {
-                    Reply r;
-                    if (!client.response(r) || r.r.success != 1 || !r.r.text || std::string(r.r.text) != (i % 2 ? "M" : "G") ||
-                        (i % 2 == 0 && std::string(r.r.data.name ? r.r.data.name : "") != "data")) {
-                        ADD_FAILURE() << "client " << c << " request " << i << ": " << r.tag();
-                        ++wrong;
-                    }
-                }
-            }
-        });
-    }
-    for (auto &th : threads) th.join();
-    EXPECT_EQ(wrong.load(), 0);
-    uint64_t after = 0;
-    for (int i = 0; i < 500 && (after = live_blocks(a, admin)) != before; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(after, before);
 }
 
 } // namespace
