@@ -3,9 +3,7 @@
 // stack, a run too long to size, and no heap calls below 256 levels. Hostile lengths are rows of
 // the engine test's table of result codes.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include <functional>
 #include <vector>
 
 #include "support/records.hpp"
@@ -86,21 +84,6 @@ TEST(AllocationFailure, EachPointOfDecodeAndDuplicateFailsCleanlyOnceOrFromThere
     EXPECT_GT(allocation_points(Sweep{copy_once, 0, -4}), 20u);
     free_tree(source);
     EXPECT_EQ(kLabel.live(), 0u);
-}
-
-// Runs `body` in a thread whose stack is only 256 KiB.
-void on_small_stack(std::function<void()> body) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
-    pthread_t thread;
-    auto run = [](void *arg) -> void * {
-        (*static_cast<std::function<void()> *>(arg))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attr, run, &body), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
 }
 
 // A chain built by hand, `depth` levels each numbering itself and holding one child from

@@ -2,7 +2,6 @@
 // The trace printers, read back from the ring record by record; the codec allocator pair and the
 // data-tree arrays with their labels and their failure line.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <functional>
@@ -123,19 +122,9 @@ TEST_F(Printers, AMillionLevelsOnA256KiBStack) {
     constexpr uint32_t kDepth = 1000000;
     std::vector<DataTree> chain(kDepth);
     for (uint32_t i = 0; i < kDepth; ++i) chain[i] = i + 1 < kDepth ? Node("n").kids(&chain[i + 1], 1).t : Node("n").t;
-    struct { DebugContext *d; DataTree *root; uint32_t rc; } args{&fw.debug, chain.data(), 1};
-    pthread_attr_t attr;
-    pthread_t thread;
-    pthread_attr_init(&attr);
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
-    auto run = [](void *p) -> void * {
-        auto *a = static_cast<decltype(args) *>(p);
-        return a->rc = tov_gpb_datatree_trace_internal(a->d, a->root, nullptr), nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attr, run, &args), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
-    EXPECT_EQ(args.rc, 0u);
+    uint32_t rc = 1;
+    tov::test::on_small_stack([&] { rc = tov_gpb_datatree_trace_internal(&fw.debug, chain.data(), nullptr); });
+    EXPECT_EQ(rc, 0u);
     const Records records = tail->take(); // the newest ones the ring kept
     ASSERT_FALSE(records.empty());
     EXPECT_EQ(records.back(), std::string(1009, ' ') + "[TRUNCATED...]");
