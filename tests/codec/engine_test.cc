@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The behaviours a table-driven engine could get wrong: varints, presence against content,
 // one-run repeated fields, the result codes (hostile lengths among them), truncation, short
-// capacities, spans, duplication and release.
+// capacities, spans, duplication and release; then the few wire details particular to a message.
+// Every message round trips through the corpus, the interop and the fuzz tests.
 #include <gtest/gtest.h>
 
 #include <set>
 
+#include "public_codecs.hpp"
 #include "support/records.hpp"
 
 namespace tov::test {
@@ -198,46 +200,32 @@ TEST_F(RichTree, ShortCapacityWritesOnlyBelowItAndStringsWholeOrNot) {
 }
 
 TEST(Spans, InnermostFirstOnePerNonEmptyEncoding) {
-    DataTree grandchild{}, children[3]{}, root{};
-    grandchild.name = text("g");
-    tov_bit_set(grandchild.present, TOV_DATATREE_BIT_NAME);
-    children[0].children = &grandchild;
-    children[0].children_count = 1;
-    tov_bit_set(children[0].present, TOV_DATATREE_BIT_CHILDREN);
-    children[2].value = text("v");
-    tov_bit_set(children[2].present, TOV_DATATREE_BIT_VALUE); // children[1] is empty: no span
-    root.children = children;
-    root.children_count = 3;
-    tov_bit_set(root.present, TOV_DATATREE_BIT_CHILDREN);
-    // 3A 05 [3A 03 [0A 01 67]] 3A 00 3A 03 [12 01 76]
-    const Bytes expected = {0x3A, 0x05, 0x3A, 0x03, 0x0A, 0x01, 'g', 0x3A, 0x00, 0x3A, 0x03, 0x12, 0x01, 'v'};
-    Bytes out(expected.size());
+    // 3A 05 [3A 03 [0A 01 67]] 3A 00 3A 03 [12 01 76]: the empty middle child has no span.
+    const Bytes bytes = {0x3A, 0x05, 0x3A, 0x03, 0x0A, 0x01, 'g', 0x3A, 0x00, 0x3A, 0x03, 0x12, 0x01, 'v'};
+    Arena arena;
+    DataTree root;
+    ASSERT_EQ(kesh_tov_datatree_decode_ext(&root, bytes.data(), 14, Arena::alloc, arena.ctx(), 0), 0);
+    Bytes out(bytes.size());
     TovSpan spans[8];
     uint32_t count = 8;
-    ASSERT_EQ(kesh_tov_datatree_encode_ext(&root, out.data(), static_cast<uint32_t>(out.size()), spans, &count, 0),
-              expected.size());
-    EXPECT_EQ(out, expected);
+    ASSERT_EQ(kesh_tov_datatree_encode_ext(&root, out.data(), 14, spans, &count, 0), 14u);
+    EXPECT_EQ(out, bytes);
     ASSERT_EQ(count, 4u);
     const std::pair<uint32_t, uint32_t> want[] = {{4, 3}, {2, 5}, {11, 3}, {0, 14}};
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(spans[i].start, out.data() + want[i].first) << i;
-        EXPECT_EQ(spans[i].length, want[i].second) << i;
-    }
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(spans[i].start == out.data() + want[i].first && spans[i].length == want[i].second) << i;
     // No room: nothing written, the count says what was needed; partial room fills the front.
     TovSpan few[2] = {{nullptr, 99}, {nullptr, 99}};
     count = 0;
-    kesh_tov_datatree_encode_ext(&root, out.data(), static_cast<uint32_t>(out.size()), few, &count, 0);
-    EXPECT_EQ(count, 4u);
-    EXPECT_EQ(few[0].length, 99u);
+    kesh_tov_datatree_encode_ext(&root, out.data(), 14, few, &count, 0);
+    EXPECT_TRUE(count == 4 && few[0].length == 99);
     count = 2;
-    kesh_tov_datatree_encode_ext(&root, out.data(), static_cast<uint32_t>(out.size()), few, &count, 0);
-    EXPECT_EQ(count, 4u);
-    EXPECT_EQ(few[1].length, 5u);
+    kesh_tov_datatree_encode_ext(&root, out.data(), 14, few, &count, 0);
+    EXPECT_TRUE(count == 4 && few[1].length == 5);
     // Measuring: nested encodings start past the capacity, so their spans carry no pointer.
     count = 8;
     kesh_tov_datatree_encode_ext(&root, nullptr, 0, spans, &count, 0);
-    EXPECT_EQ(spans[0].start, nullptr);
-    EXPECT_EQ(spans[0].length, 3u);
+    EXPECT_TRUE(spans[0].start == nullptr && spans[0].length == 3);
     // An empty message claims no span.
     DataTree empty{};
     count = 8;
@@ -289,6 +277,44 @@ TEST(Free, ReleasesEverythingAndClearsPointersButNotBits) {
     EXPECT_TRUE(tov_bit_is_set(t.present, TOV_DATATREE_BIT_NAME));
     free_tree(t); // a second release finds nothing to free
     kesh_tov_datatree_free_ext(&t, nullptr, 0, 0); // no free_fn: nothing happens
+}
+
+// Decodes into a record full of garbage, to show that decoding starts from the defaults.
+template <class T> int32_t decode_garbage(const char *message, T &record, const Bytes &in) {
+    std::memset(&record, 0xAB, sizeof record);
+    return public_codec(message).decode(&record, in.data(), static_cast<uint32_t>(in.size()), nullptr, 0);
+}
+
+// The wire details particular to some messages: defaults, booleans, and edit_config's field order.
+TEST(Messages, DefaultsBooleansAndFieldOrder) {
+    Commit commit;
+    ASSERT_EQ(decode_garbage("commit", commit, {}), 0);
+    EXPECT_EQ(commit.confirm_timeout, 600u);
+    EXPECT_EQ(commit.confirmed, 0);
+    EXPECT_EQ(commit.persist, nullptr);
+    EXPECT_EQ(commit.present[0], 0);
+    EXPECT_EQ(encode(detail::kCommit, &commit), Bytes{}) << "a default is not sent";
+    ASSERT_EQ(decode_garbage("commit", commit, {0x08, 0x02}), 0);
+    EXPECT_EQ(commit.confirmed, 1) << "a boolean is kept as 0 or 1";
+    EXPECT_EQ(encode(detail::kCommit, &commit), (Bytes{0x08, 0x01}));
+
+    LoggingSet ls;
+    ASSERT_EQ(decode_garbage("logging_set", ls, {}), 0);
+    EXPECT_EQ(ls.value_3, 1u);
+    Request r;
+    ASSERT_EQ(decode_garbage("request", r, {}), 0);
+    EXPECT_EQ(r.present[0] | r.present[1] | r.present[2], 0);
+    EXPECT_EQ(r.commit.confirm_timeout, 600u) << "payload defaults without the payload";
+    EXPECT_EQ(r.logging_set.value_3, 1u);
+
+    // edit_config goes out as fields 1, 2, 4, 3, 5 (protobuf reads it all the same: see interop).
+    EditConfig ec{};
+    ec.option_2 = 1;
+    ec.option_3 = 3;
+    ec.option_4 = 4;
+    for (unsigned b : {TOV_EDIT_CONFIG_BIT_OPTION_2, TOV_EDIT_CONFIG_BIT_OPTION_3, TOV_EDIT_CONFIG_BIT_OPTION_4})
+        tov_bit_set(ec.present, b);
+    EXPECT_EQ(encode(detail::kEditConfig, &ec), (Bytes{0x10, 0x01, 0x20, 0x04, 0x18, 0x03}));
 }
 
 } // namespace

@@ -62,13 +62,7 @@ public:
         reinterpret_cast<Arena *>(ctx)->blocks_.push_back(p);
         return p;
     }
-    static void release(void *p, uintptr_t ctx) {
-        auto &blocks = reinterpret_cast<Arena *>(ctx)->blocks_;
-        blocks.erase(std::find(blocks.begin(), blocks.end(), p));
-        std::free(p);
-    }
     uintptr_t ctx() { return reinterpret_cast<uintptr_t>(this); }
-    size_t live() const { return blocks_.size(); }
 
 private:
     std::vector<void *> blocks_;
