@@ -168,10 +168,4 @@ TEST_F(Sessions, FailuresAndForeignRecordsLeaveNothingBehind) {
     tov_session_destroy(&fw, nullptr);
 }
 
-TEST(SessionDeathTest, NullFrameworkContextStopsTheProcess) {
-    EXPECT_DEATH(tov_session_store_init(nullptr), "");
-    EXPECT_DEATH(tov_session_create(nullptr), "");
-    EXPECT_DEATH(tov_session_find(nullptr, 1), "");
-}
-
 } // namespace
