@@ -204,26 +204,4 @@ TEST_F(LevelControl, ClearTraceEmptiesEveryRingAndReopensIt) {
     }
 }
 
-// A failed re-creation leaves what it found: the ring marked open (lines then go to handle 0), or,
-// when the delete fails, the closed handle, which writes refuse.
-TEST_F(LevelControl, FailedRecreationLeavesTheRingMarkedOpenButHarmless) {
-    DebugContext *me = component(TOV_COMPONENT_ME);
-    testing::internal::CaptureStderr();
-    kor_named_fail_nth(1); // the delete succeeds, the re-open cannot get its handle
-    tov_clear_trace_update_component(&fw.debug, TOV_COMPONENT_ME, 1, 1, 1);
-    kor_named_fail_nth(0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Init trace buffer (ctx-tov/me.trace) failed! (Cannot allocate memory)\n");
-    EXPECT_TRUE(me->trace_handle == 0 && me->trace_open == 1);
-    TOV_ERR(me, "written to handle 0");
-    EXPECT_EQ(capture.take().size(), 1u);
-    ASSERT_EQ(tov_reinit_trace_buffer(me), TOV_RC_OK); // never opened: still deletes by name
-    const trace_buffer_t closed = me->trace_handle;
-    ASSERT_EQ(trace_buffer_delete("ctx-tov/me.trace"), 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(tov_reinit_trace_buffer(me), static_cast<uint32_t>(ENOENT));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "trace_buffer_delete (ctx-tov/me.trace) failed! (No such file or directory)\n");
-    EXPECT_EQ(me->trace_handle, closed);
-    EXPECT_EQ(trace_buffer_write(me->trace_handle, 0, 0, "late"), EBADF);
-}
-
 } // namespace
