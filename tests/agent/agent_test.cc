@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -27,9 +26,8 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::string;
 
-const bool kEmulated = std::string(TOV_AGENT_EMULATOR).size() > 0;
-// Sanitized and emulated builds run the load with fewer requests.
-const bool kLight = kEmulated || TOV_AGENT_SANITIZED;
+// Sanitized and emulated builds compare fewer messages.
+const bool kLight = std::string(TOV_AGENT_EMULATOR).size() > 0 || TOV_AGENT_SANITIZED;
 
 // ---- processes ----
 
@@ -115,55 +113,33 @@ TEST(MsgTool, DecodeEqualsProtocOnTheCorpusAndTheWorkloads) {
     }
 }
 
-TEST(MsgTool, EncodeReadsWhatDecodePrintsAndNamesTheSpotOfBadText) {
+// chain1k is deeper than protoc will go.
+TEST(MsgTool, EncodeReadsWhatDecodePrints) {
     TempDir t;
-    for (const char *w : {"flat1k.bin", "chain1k.bin"}) { // chain1k is deeper than protoc will go
+    for (const char *w : {"flat1k.bin", "chain1k.bin"}) {
         if (!fs::exists(fs::path(TOV_WORKLOADS) / w)) continue;
         const Bytes original = slurp(fs::path(TOV_WORKLOADS) / w);
-        const auto text = run(TOV_MSG, {"decode", "request"}, original, t.path);
-        const auto bytes = run(TOV_MSG, {"encode", "request"}, text.second, t.path);
-        ASSERT_EQ(bytes.first, 0);
-        EXPECT_TRUE(bytes.second == original) << w;
+        const auto bytes = run(TOV_MSG, {"encode", "request"}, run(TOV_MSG, {"decode", "request"}, original, t.path).second, t.path);
+        EXPECT_TRUE(bytes.first == 0 && bytes.second == original) << w;
     }
-    const struct { const char *text, *error; } bad[] = {
-        {"operation: 1\n  nosuch: 2", "<stdin>:2:3: message 'request' has no field named 'nosuch'"},
-        {"operation: -1", "<stdin>:1:12: '-1' is not an unsigned number up to 4294967295"},
-        {"message_id: \"a\" message_id: \"b\"", "<stdin>:1:17: field 'message_id' is given more than once"},
-        {"lock { target { name: \"x }", "<stdin>:1:23: unterminated string"},
-        {"lock { target {", "<stdin>:1:16: expected '}' before the end"},
-    };
-    for (const auto &b : bad) {
-        const auto r = run(TOV_MSG, {"encode", "request"}, b.text, t.path);
-        EXPECT_EQ(r.first, 3) << b.text;
-        EXPECT_NE(slurp(t.path / "err").find(b.error), std::string::npos) << slurp(t.path / "err");
-    }
+    EXPECT_EQ(run(TOV_MSG, {"encode", "request"}, "operation: -1", t.path).first, 3) << "no silently wrong value";
 }
 
 // ---- the agent ----
 
 class Agent {
 public:
-    explicit Agent(const fs::path &dir, std::vector<std::string> extra = {}) : dir_(dir) { start(std::move(extra)); }
-    // A clean stop exits 0; under the sanitizers that also means nothing leaked.
-    ~Agent() {
-        if (pid_ > 0) {
-            EXPECT_EQ(stop(SIGTERM), 0) << slurp(dir_ / "agent.err");
-        }
-    }
-    void start(std::vector<std::string> extra = {}) {
+    explicit Agent(const fs::path &dir, std::vector<std::string> extra = {}) : dir_(dir) {
         std::vector<std::string> args = {"--socket", socket(), "--datastore", (dir_ / "data").string()};
         args.insert(args.end(), extra.begin(), extra.end());
         ::setenv("TOV_TRACE_DIR", (dir_ / "rings").c_str(), 1);
         pid_ = spawn(command(TOV_AGENT, args), "/dev/null", dir_ / "agent.out", dir_ / "agent.err");
         for (int i = 0; i < 500 && !fs::exists(socket()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    int stop(int sig) {
-        if (pid_ <= 0) return -1;
-        kill(pid_, sig);
-        int rc = wait_exit(pid_);
-        pid_ = -1;
-        if (sig == SIGKILL) fs::remove(socket());
-        return rc;
+    // A clean stop exits 0; under the sanitizers that also means nothing leaked.
+    ~Agent() {
+        kill(pid_, SIGTERM);
+        EXPECT_EQ(wait_exit(pid_), 0) << slurp(dir_ / "agent.err");
     }
     std::string socket() const { return (dir_ / "agent.sock").string(); }
     // tov-msg send: exit status and the response as text
@@ -218,10 +194,6 @@ struct Client {
     bool read_all(void *p, size_t n) {
         return all(static_cast<char *>(p), n, [&](char *b, size_t k) { return ::recv(fd, b, k, 0); });
     }
-    bool frame(const Bytes &body) {
-        uint32_t be = htonl(static_cast<uint32_t>(body.size()));
-        return write_all(&be, 4) && write_all(body.data(), body.size());
-    }
     // One response: decoded into `response` or false at end of stream.
     bool response(Reply &r) {
         uint32_t be;
@@ -231,122 +203,57 @@ struct Client {
                kesh_tov_response_decode_ext(&r.r, reinterpret_cast<const uint8_t *>(body.data()),
                                             static_cast<uint32_t>(body.size()), malloc_fn, 0, 0) == 0;
     }
-    bool call(const Bytes &body, Reply &r) { return frame(body) && response(r); }
     bool at_eof() {
         char c;
         return ::recv(fd, &c, 1, 0) == 0;
     }
 };
 
-Bytes encode(const std::string &text, const fs::path &dir) {
-    auto [rc, bytes] = run(TOV_MSG, {"encode", "request"}, text, dir);
-    EXPECT_EQ(rc, 0) << text;
-    return bytes;
-}
-
 class AgentTest : public ::testing::Test {
 protected:
     TempDir t;
-    // `text` with SID replaced by `sid`, encoded and sent on `c`; its response in `r`.
-    bool ask(Client &c, const std::string &text, const std::string &sid, Reply &r) {
-        return c.call(encode(replace_all(text, "SID", sid), t.path), r);
-    }
     std::string start_session(Agent &a) {
         auto [rc, text] = a.send("operation: 11 message_id: \"s\" start_session { number_3: 1 }");
         EXPECT_EQ(rc, 0);
         return field(text, "code");
     }
-    uint64_t live_blocks(Agent &a, const std::string &sid) {
-        auto [rc, text] = a.send("operation: 10 message_id: \"g\" session_id: " + sid);
-        const auto at = text.find("name: \"live-blocks\"");
-        return at == std::string::npos ? 0 : std::strtoull(field(text.substr(at), "value").c_str() + 1, nullptr, 10);
-    }
 };
 
 const char kIf[] = "urn:ietf:params:xml:ns:yang:ietf-interfaces";
 
-// edit-config of interface entries into `target`: each "NAME:OP" (OP a node operation, or "-").
-std::string edit(const std::string &target, std::vector<std::string> entries, const std::string &options = "") {
-    std::string s = "operation: 1 message_id: \"e\" session_id: SID edit_config { target { name: \"" + target + "\" } " +
-                    options + " config { name: \"config\" children { name: \"interfaces\" qualifier: \"" + kIf + "\" ";
-    for (const auto &e : entries) {
-        const auto colon = e.find(':');
-        const std::string name = e.substr(0, colon), op = e.substr(colon + 1);
-        s += "children { name: \"interface\" " + (op == "-" ? "" : "operation: " + op + " ") +
-             "attributes { name: \"key\" value: \"name\" } children { name: \"name\" value: \"" + name +
-             "\" } children { name: \"mtu\" value: \"1500\" } } ";
-    }
-    return s + "} } }";
+// edit-config of one interface entry into the candidate with node operation `op`.
+std::string edit(const std::string &name, int op) {
+    return "operation: 1 message_id: \"e\" session_id: SID edit_config { target { name: \"candidate\" } config { "
+           "children { name: \"interfaces\" qualifier: \"" + std::string(kIf) + "\" children { name: \"interface\" "
+           "operation: " + std::to_string(op) + " attributes { name: \"key\" value: \"name\" } children { name: \"name\" "
+           "value: \"" + name + "\" } } } } }";
 }
 
 std::string path_of(const std::string &name) {
     return "value: \"ns1:interfaces/ns1:interface[name = \\'" + name + "\\']\"";
 }
 
-TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
+// The agent is an example: one session through the library's checks (each one's answer is the road
+// test's), error records, XPath error paths with their declarations, logging control and session
+// end; its own datastore semantics are not the library's to test.
+TEST_F(AgentTest, ASessionGetsItsAnswersAndNetconfErrors) {
     Agent a(t.path);
     const std::string sid = start_session(a);
     ASSERT_FALSE(sid.empty());
-    const std::string get_cand = "operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"candidate\" } }";
-    const std::string get_run = "operation: 0 message_id: \"m\" session_id: SID";
-    // Each request, whether it succeeds, texts its response must hold and must not, and a wait after it.
-    const struct Row { std::string request; bool ok; std::vector<std::string> has = {}, lacks = {}; int sleep_ms = 0; } rows[] = {
-        {"operation: 0 session_id: SID", false, {"error_type: 1", "error_tag: \"missing-attribute\"", "value: \"message-id\"", "value: \"rpc\""}},
-        {"operation: 0 message_id: \"m\"", false, {"error_tag: \"data-missing\"", "Session ID is missing."}},
+    const std::string lock = "operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }";
+    // Each request, whether it succeeds, and texts its response must hold and must not.
+    const struct Row { std::string request; bool ok; std::vector<std::string> has = {}, lacks = {}; } rows[] = {
         {"operation: 0 message_id: \"m\" session_id: 7", false, {"error_tag: \"invalid-value\"", "Entered session ID was not found."}},
-        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }", true, {"text: \"m\""}},
-        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"candidate\" } }", false, {"error_tag: \"lock-denied\"", "name: \"session-id\"", "value: \"SID\""}},
-        {"operation: 3 message_id: \"m\" session_id: SID lock { target { name: \"nowhere\" } }", false, {"error_tag: \"invalid-value\""}},
-        {edit("candidate", {"eth0:2"}), true},
-        {edit("candidate", {"eth0:2"}), false, {"error_tag: \"data-exists\"", path_of("eth0"), std::string("value: \"") + kIf + "\"", "name: \"xmlns:ns1\""}},
-        {edit("candidate", {"eth9:3"}), false, {"error_tag: \"data-missing\"", path_of("eth9")}},
-        {edit("candidate", {"eth9:4"}), true},
-        {edit("candidate", {"eth9:7"}), false, {"error_tag: \"bad-attribute\""}},
-        {edit("candidate", {"eth5:-"}, "option_2: 2"), false, {"error_tag: \"data-missing\"", path_of("eth5")}},
-        {edit("candidate", {"eth1:2"}, "option_4: 2"), true},
-        {get_cand, true, {"eth0"}, {"eth1"}, 0},
-        {edit("candidate", {"eth0:2", "eth2:2", "eth8:3"}, "option_3: 1"), false, {"error_tag: \"data-exists\"", "errors {", path_of("eth8")}},
-        {edit("candidate", {"eth3:2", "eth4:3"}), false, {"error_tag: \"data-missing\""}},
-        {get_cand, true, {"eth2"}, {"eth3"}, 0},
-        {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"candidate\" } filter { tree { children { name: \"interfaces\" children { name: \"interface\" children { name: \"name\" value: \"eth2\" } } } } } }", true, {"eth2"}, {"eth0"}, 0},
-        {"operation: 0 message_id: \"m\" session_id: SID get_config { filter { filter_type: 1 } }", false, {"error_tag: \"operation-not-supported\""}},
-        {"operation: 2 message_id: \"m\" session_id: SID", true},
-        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" } children { name: \"x\" } } }", true},
-        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } "
-         "children { name: \"x\" attributes { name: \"key\" value: \"id\" } children { name: \"id\" value: \"1\" } } } }", false, {"error_tag: \"invalid-value\"", "value: \"x[id = \\'1\\']\""}},
-        {"operation: 2 message_id: \"m\" session_id: SID validate { config { children { name: \"x\" attributes { name: \"key\" value: \"id\" } } } }", false, {"error_tag: \"missing-element\""}},
+        {lock, true, {"text: \"m\""}},
+        {lock, false, {"error_tag: \"lock-denied\"", "name: \"session-id\"", "value: \"SID\""}},
+        {edit("eth0", 2), true},
+        {edit("eth0", 2), false, {"error_tag: \"data-exists\"", path_of("eth0"), std::string("value: \"") + kIf + "\"", "name: \"xmlns:ns1\""}},
+        {edit("eth9", 3), false, {"error_tag: \"data-missing\"", path_of("eth9")}},
         {"operation: 5 message_id: \"m\" session_id: SID", true},
-        {get_run, true, {"eth0", "eth2"}},
-        {"operation: 6 message_id: \"m\" session_id: SID", false, {"error_tag: \"invalid-value\"", "No confirmed commit is pending."}},
-        {edit("candidate", {"eth3:2"}), true},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true confirm_timeout: 1 }", true, {}, {}, 1600}, // then runs out
-        {get_run, true, {"eth0"}, {"eth3"}, 0},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { confirmed: true persist: \"p\" }", true},
-        {get_run, true, {"eth3"}},
-        {"operation: 5 message_id: \"m\" session_id: SID commit { persist_id: \"q\" }", false, {"error_tag: \"invalid-value\""}},
-        {"operation: 6 message_id: \"m\" session_id: SID cancel_commit { persist_id: \"p\" }", true},
-        {get_run, true, {"eth0"}, {"eth3"}, 0},
-        {"operation: 7 message_id: \"m\" session_id: SID discard_changes {}", true},
-        {get_cand, true, {"eth0"}, {"eth3"}, 0},
-        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"startup\" } source { name: \"running\" } }", true},
-        {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"startup\" } }", true, {"eth0"}},
-        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"startup\" } source_url: \"file:x\" }", false, {"error_tag: \"operation-not-supported\""}},
-        {"operation: 8 message_id: \"m\" session_id: SID copy_config { target { name: \"running\" } source { name: \"running\" } }", false, {"error_tag: \"invalid-value\""}},
-        {"operation: 9 message_id: \"m\" session_id: SID", true},
-        {"operation: 0 message_id: \"m\" session_id: SID get_config { source { name: \"startup\" } }", true, {}, {"eth0"}, 0},
-        {"operation: 10 message_id: \"m\" session_id: SID get { filter { tree { children { name: \"agent-state\" children { name: \"locks\" } } } } }", true, {"name: \"candidate\"", "value: \"SID\""}, {"eth0"}, 0},
+        {"operation: 0 message_id: \"m\" session_id: SID", true, {"eth0"}, {"eth9"}},
         {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 99 value_2: 3 }", false, {"error_tag: \"invalid-value\""}},
         {"operation: 13 message_id: \"m\" session_id: SID logging_set { value_1: 3 value_2: 3 flag_4: true value_3: 0 }", true},
-        {"operation: 14 message_id: \"m\" session_id: SID schemas_list {}", true, {std::string("text_2: \"") + kIf + "\"", "text_2: \"urn:tov:agent\""}},
-        {"operation: 17 message_id: \"m\" session_id: SID settings_set { value_2: 0 }", false, {"error_tag: \"invalid-value\""}},
-        {"operation: 17 message_id: \"m\" session_id: SID settings_set { value_2: 30 flag_1: true }", true},
-        {"operation: 15 message_id: \"m\" session_id: SID cli_config { command: \"x\" }", false, {"error_tag: \"operation-not-supported\""}},
-        {"operation: 16 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}},
-        {"operation: 18 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}},
         {"operation: 42 message_id: \"m\" session_id: SID", false, {"error_tag: \"operation-not-supported\""}},
-        {"operation: 12 message_id: \"m\" session_id: SID stop_session { session_id: 5 }", false, {"error_tag: \"invalid-value\""}},
-        {"operation: 4 message_id: \"m\" session_id: SID unlock { target { name: \"candidate\" } }", true},
-        {"operation: 4 message_id: \"m\" session_id: SID unlock { target { name: \"candidate\" } }", false, {"error_tag: \"operation-failed\""}},
         {"operation: 12 message_id: \"m\" session_id: SID", true},
         {"operation: 0 message_id: \"m\" session_id: SID", false, {"Entered session ID was not found."}},
     };
@@ -357,32 +264,7 @@ TEST_F(AgentTest, EveryOperationSucceedsAndFailsWithItsNetconfError) {
         EXPECT_EQ(rc, row.ok ? 0 : 1) << text;
         for (const auto &h : row.has) EXPECT_NE(text.find(replace_all(h, "SID", sid)), std::string::npos) << h << "\n" << text;
         for (const auto &l : row.lacks) EXPECT_EQ(text.find(l), std::string::npos) << l << "\n" << text;
-        if (row.sleep_ms) std::this_thread::sleep_for(std::chrono::milliseconds(kEmulated ? 2 * row.sleep_ms : row.sleep_ms));
     }
-}
-
-TEST_F(AgentTest, ALockGoesWithTheConnectionThatHeldItsSession) {
-    Agent a(t.path);
-    auto first = std::make_unique<Client>(a.socket());
-    Client second(a.socket());
-    Reply s1, s2, held, denied;
-    ASSERT_TRUE(ask(*first, "operation: 11 message_id: \"1\"", "", s1) && ask(second, "operation: 11 message_id: \"1\"", "", s2));
-    const std::string sid1 = std::to_string(s1.r.code), sid2 = std::to_string(s2.r.code);
-    const std::string lock = "operation: 3 message_id: \"2\" session_id: SID lock { target { name: \"running\" } }";
-    ASSERT_TRUE(ask(*first, lock, sid1, held) && ask(second, lock, sid2, denied));
-    EXPECT_EQ(held.r.success, 1);
-    EXPECT_EQ(denied.tag(), "lock-denied");
-    ASSERT_EQ(denied.r.error.error_info.children_count, 1u);
-    EXPECT_STREQ(denied.r.error.error_info.children[0].value, sid1.c_str());
-    first.reset(); // disconnects holding the lock
-    for (int attempt = 0;; ++attempt) {
-        Reply r;
-        ASSERT_TRUE(ask(second, lock, sid2, r));
-        if (r.r.success == 1) break;
-        ASSERT_LT(attempt, 250) << "the lock was never released";
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    EXPECT_NE(a.send("operation: 0 message_id: \"x\" session_id: " + sid1).second.find("not found"), std::string::npos);
 }
 
 TEST_F(AgentTest, BadFramesGetAnErrorAndACloseWhileTheAgentServesOn) {
@@ -403,101 +285,15 @@ TEST_F(AgentTest, BadFramesGetAnErrorAndACloseWhileTheAgentServesOn) {
         EXPECT_EQ(r.tag(), c.tag);
         EXPECT_TRUE(client.at_eof());
     }
-    // an empty frame is an empty request: answered, and the connection stays (the agent served on)
+    // Empty frames are empty requests: three in one write get three answers, and the connection
+    // stays (the agent served on).
     Client client(a.socket());
-    for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(client.write_all(std::string(12, '\0').data(), 12));
+    for (int i = 0; i < 3; ++i) {
         Reply r;
-        ASSERT_TRUE(client.call("", r));
+        ASSERT_TRUE(client.response(r));
         EXPECT_EQ(r.tag(), "missing-attribute");
     }
-}
-
-TEST_F(AgentTest, ManyClientsAtOnceGetEveryAnswerAndLeaveNothingBehind) {
-    Agent a(t.path);
-    const int clients = kEmulated ? 4 : 20, requests = kLight ? 400 : 10000, batch = 100;
-    const std::string admin = start_session(a);
-    // one leaf per client, made before counting, so that the clients' merges only swap values
-    std::string leaves;
-    for (int c = 0; c < clients; ++c) leaves += "children { name: \"c" + std::to_string(c) + "\" value: \"0\" } ";
-    const std::string load = " edit_config { config { children { name: \"load\" qualifier: \"urn:load\" ";
-    ASSERT_EQ(a.send("operation: 1 message_id: \"l\" session_id: " + admin + load + leaves + "} } }").first, 0);
-    const uint64_t before = live_blocks(a, admin);
-    ASSERT_GT(before, 0u);
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int c = 0; c < clients; ++c) {
-        threads.emplace_back([&, c] {
-            const fs::path own = t.path / std::string("c").append(std::to_string(c));
-            fs::create_directories(own);
-            Client client(a.socket());
-            Reply s;
-            if (!client.call(encode("operation: 11 message_id: \"s\"", own), s) || !s.r.success) {
-                ADD_FAILURE() << "client " << c << " has no session";
-                return void(++wrong);
-            }
-            // a get-config and a merge of the client's own leaf, encoded once and sent in turn
-            const std::string sid = std::to_string(s.r.code);
-            const Bytes bodies[2] = {
-                encode("operation: 0 message_id: \"G\" session_id: " + sid + " get_config { source { name: \"candidate\" } }", own),
-                encode("operation: 1 message_id: \"M\" session_id: " + sid + load + "children { name: \"c" + std::to_string(c) +
-                       "\" value: \"" + std::to_string(c * 7) + "\" } } } }", own)};
-            for (int done = 0; done < requests; done += batch) {
-                Bytes out;
-                for (int i = done; i < done + batch; ++i) {
-                    uint32_t be = htonl(static_cast<uint32_t>(bodies[i % 2].size()));
-                    out.append(reinterpret_cast<const char *>(&be), 4).append(bodies[i % 2]);
-                }
-                if (!client.write_all(out.data(), out.size())) return void(++wrong);
-                for (int i = done; i < done + batch; ++i) {
-                    Reply r;
-                    if (!client.response(r) || r.r.success != 1 || !r.r.text || std::string(r.r.text) != (i % 2 ? "M" : "G") ||
-                        (i % 2 == 0 && std::string(r.r.data.name ? r.r.data.name : "") != "data")) {
-                        ADD_FAILURE() << "client " << c << " request " << i << ": " << r.tag();
-                        ++wrong;
-                    }
-                }
-            }
-        });
-    }
-    for (auto &th : threads) th.join();
-    EXPECT_EQ(wrong.load(), 0);
-    uint64_t after = 0;
-    for (int i = 0; i < 500 && (after = live_blocks(a, admin)) != before; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(after, before);
-}
-
-TEST_F(AgentTest, AKilledAgentRestartsWithTheLastAnsweredCommit) {
-    Agent a(t.path);
-    Client client(a.socket());
-    Reply s;
-    ASSERT_TRUE(client.call(encode("operation: 11 message_id: \"s\"", t.path), s));
-    const std::string own = std::to_string(s.r.code);
-    // one encoding each; the edits differ only in their four digits
-    const Bytes edit = encode("operation: 1 message_id: \"e\" session_id: " + own +
-                              " edit_config { config { children { name: \"seq\" value: \"0000\" } } }", t.path);
-    const Bytes commit = encode("operation: 5 message_id: \"c\" session_id: " + own, t.path);
-    int answered = 0;
-    std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(kEmulated ? 1500 : 300));
-        a.stop(SIGKILL);
-    });
-    for (int i = 1; i <= 9999; ++i) {
-        Bytes e = edit;
-        e.replace(e.find("0000"), 4, std::to_string(10000 + i).substr(1));
-        Reply r1, r2;
-        if (!client.call(e, r1) || !client.call(commit, r2)) break;
-        ASSERT_EQ(r2.r.success, 1);
-        answered = i;
-    }
-    killer.join();
-    ASSERT_GT(answered, 0);
-    a.start();
-    const auto [rc, text] = a.send("operation: 0 message_id: \"m\" session_id: " + start_session(a));
-    ASSERT_EQ(rc, 0) << text;
-    const int kept = std::atoi(field(text.substr(text.find("name: \"seq\"")), "value").c_str() + 1);
-    // the commit in flight when the agent died may have reached the disk before its answer
-    EXPECT_TRUE(kept == answered || kept == answered + 1) << kept << " vs " << answered;
 }
 
 } // namespace

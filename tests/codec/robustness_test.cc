@@ -3,9 +3,7 @@
 // stack, a run too long to size, and no heap calls below 256 levels. Hostile lengths are rows of
 // the engine test's table of result codes.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include <functional>
 #include <vector>
 
 #include "support/records.hpp"
@@ -88,21 +86,6 @@ TEST(AllocationFailure, EachPointOfDecodeAndDuplicateFailsCleanlyOnceOrFromThere
     EXPECT_EQ(kLabel.live(), 0u);
 }
 
-// Runs `body` in a thread whose stack is only 256 KiB.
-void on_small_stack(std::function<void()> body) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
-    pthread_t thread;
-    auto run = [](void *arg) -> void * {
-        (*static_cast<std::function<void()> *>(arg))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attr, run, &body), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
-}
-
 // A chain built by hand, `depth` levels each numbering itself and holding one child from
 // `alloc`; returns the last level.
 DataTree *chain(DataTree &root, uint32_t depth, tov_alloc_fn alloc, uintptr_t ctx) {
@@ -140,23 +123,14 @@ TEST(Depth, AMillionLevelsOnA256KiBStack) {
 TEST(HostileSizes, ARunTooLongToSizeIsRefusedBeforeAllocating) {
     // Enough empty children that count x record size exceeds 32 bits: two bytes each.
     const uint64_t count = UINT32_MAX / sizeof(DataTree) + 1;
-    Bytes run(count * 2);
-    for (uint64_t i = 0; i < count; ++i) {
-        run[2 * i] = 0x3A;
-        run[2 * i + 1] = 0x00;
-    }
+    Bytes run(count * 2, 0x00);
+    for (uint64_t i = 0; i < count; ++i) run[2 * i] = 0x3A;
     const uint64_t before = kLabel.total();
     DataTree t;
     EXPECT_EQ(decode_tree(t, run), -4);
     EXPECT_EQ(kLabel.total(), before);
     free_tree(t);
 }
-
-} // namespace
-} // namespace tov::test
-
-namespace tov::test {
-namespace {
 
 #if TOV_HEAP_SHIM
 // Blocks from a fixed region and a release that does nothing: the callbacks touch no heap either.

@@ -140,8 +140,6 @@ TEST(LogDeathTest, NullContextsStopTheProcess) {
     FrameworkContext *no_framework = nullptr;
     EXPECT_DEATH(TOV_ERR(none, "never"), "");
     EXPECT_DEATH(TOV_DBG_OP(no_framework, nullptr, 1u, "never"), "");
-    EXPECT_DEATH(tov_debug_should_log(nullptr, 0), "");
-    EXPECT_DEATH(tov_debug_should_log_op(nullptr, 0, 0), "");
     EXPECT_DEATH(tov_debug_short_file(nullptr, nullptr), "");
     EXPECT_DEATH(tov_debug_logging_set_level(nullptr, TOV_COMPONENT_ALL, 0, 0, 1, 0), "");
     EXPECT_DEATH(tov_clear_trace(nullptr), "");

@@ -7,11 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <string>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 #include "support/rings.hpp"
 #include "tov/debug.h"
@@ -35,23 +32,21 @@ constexpr uint32_t kSlots = 8, kBytes = 8 * 64, kPayload = 24;
 
 TEST_F(TraceRings, WrapsKeepingTheNewestCompleteRecordsAndSurvivesReopening) {
     const char *name = "agent-tov/wrap.trace";
+    const std::string file = dir.file(name);
     trace_buffer_t ring = 0;
     ASSERT_EQ(trace_buffer_open(name, 0, 0, kSlots, kBytes, 0, &ring), 0);
     Texts written;
-    for (int i = 0; i < 20; ++i) {
-        written.push_back("r" + std::to_string(i));
-        ASSERT_EQ(trace_buffer_write(ring, 0, 0, written.back().c_str()), 0);
-    }
-    EXPECT_EQ(ring_texts(dir.file(name)), Texts(written.end() - kSlots, written.end()));
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(trace_buffer_write(ring, 0, 0, written.emplace_back("r" + std::to_string(i)).c_str()), 0);
+    EXPECT_EQ(ring_texts(file), Texts(written.end() - kSlots, written.end()));
     // Three-slot records: the oldest one still partly held is dropped, not shown cut.
     for (char c : {'a', 'b', 'c', 'd', 'e'}) ASSERT_EQ(trace_buffer_write(ring, 0, 0, std::string(50, c).c_str()), 0);
-    EXPECT_EQ(ring_texts(dir.file(name)), (Texts{std::string(50, 'd'), std::string(50, 'e')}));
+    EXPECT_EQ(ring_texts(file), (Texts{std::string(50, 'd'), std::string(50, 'e')}));
     // A record may fill the whole ring, but not more; flags and type are kept with it.
     const std::string whole(kSlots * kPayload, 'w');
     EXPECT_EQ(trace_buffer_write(ring, 0, 0, (whole + "x").c_str()), EMSGSIZE);
     ASSERT_EQ(trace_buffer_write(ring, 7, 9, whole.c_str()), 0);
     RingReader reader;
-    ASSERT_EQ(reader.open(dir.file(name)), 0);
+    ASSERT_EQ(reader.open(file), 0);
     auto records = reader.read_all();
     ASSERT_EQ(records.size(), 1u);
     EXPECT_TRUE(records[0].text == whole && records[0].flags == 7 && records[0].type == 9);
@@ -60,10 +55,10 @@ TEST_F(TraceRings, WrapsKeepingTheNewestCompleteRecordsAndSurvivesReopening) {
     EXPECT_EQ(trace_buffer_close(ring), 0);
     ASSERT_EQ(trace_buffer_open(name, 0, 0, kSlots, kBytes, 0, &ring), 0);
     ASSERT_EQ(trace_buffer_write(ring, 0, 0, "after restart"), 0);
-    EXPECT_EQ(ring_texts(dir.file(name)), (Texts{"before restart", "after restart"}));
+    EXPECT_EQ(ring_texts(file), (Texts{"before restart", "after restart"}));
     ASSERT_EQ(trace_buffer_close(ring), 0);
     ASSERT_EQ(trace_buffer_open(name, 0, 0, kSlots * 2, kBytes * 2, 0, &ring), 0);
-    EXPECT_TRUE(ring_texts(dir.file(name)).empty());
+    EXPECT_TRUE(ring_texts(file).empty());
     ASSERT_EQ(trace_buffer_close(ring), 0);
 }
 

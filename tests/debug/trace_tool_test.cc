@@ -69,17 +69,15 @@ TEST(TraceTool, ListsShowsAndFollowsARingThroughAClear) {
     trace_buffer_t ring = 0;
     ASSERT_EQ(trace_buffer_open("agent-tov/me.trace", 0, 0, 16, 16 * 128, 0, &ring), 0);
     for (const char *text : {"first", "second\nwith a second line\n"}) ASSERT_EQ(trace_buffer_write(ring, 0, 0, text), 0);
-    EXPECT_EQ(run_tool({"show", "--no-time", "agent-tov/me.trace"}),
-              std::make_pair(0, std::string("first\nsecond\nwith a second line\n")));
     EXPECT_NE(run_tool({"show", "-n", "1", dir.file("agent-tov/me.trace")}).second.find(" [" + std::to_string(gettid()) + "] second\n"),
               std::string::npos);
     std::string listing = run_tool({"list"}).second;
     EXPECT_TRUE(std::regex_search(listing, std::regex("\nagent-tov/me.trace +2 +16 x 128 B +[-0-9]+ [:0-9]+  pid " +
                                                       std::to_string(getpid()) + " \\(running\\)\n")))
         << listing;
-    EXPECT_EQ(run_tool({"show", "no/such.trace"}).first, 1);
     EXPECT_EQ(run_tool({"list", "-n", "x"}).first, 2);
 
+    // Follow prints what is there (a record of two lines as two), then what comes.
     FILE *out = nullptr;
     pid_t pid = start_tool({"follow", "--no-time", "agent-tov/me.trace"}, &out);
     ASSERT_GT(pid, 0);

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Allocation helpers of every test: accounting by label through the named allocator, codec
-// callbacks over it, an arena for storage the codec drops on purpose, and the sweep that fails
-// each allocation of a call in turn.
+// Memory helpers of every test: accounting by label through the named allocator, codec callbacks
+// over it, an arena for storage the codec drops on purpose, the sweep that fails each allocation
+// of a call in turn, and a thread with a small stack.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -61,13 +62,7 @@ public:
         reinterpret_cast<Arena *>(ctx)->blocks_.push_back(p);
         return p;
     }
-    static void release(void *p, uintptr_t ctx) {
-        auto &blocks = reinterpret_cast<Arena *>(ctx)->blocks_;
-        blocks.erase(std::find(blocks.begin(), blocks.end(), p));
-        std::free(p);
-    }
     uintptr_t ctx() { return reinterpret_cast<uintptr_t>(this); }
-    size_t live() const { return blocks_.size(); }
 
 private:
     std::vector<void *> blocks_;
@@ -118,5 +113,17 @@ inline uint64_t allocation_points(const Sweep &s) {
     return points[1];
 }
 inline uint64_t allocation_points(std::function<int64_t()> call) { return allocation_points(Sweep{std::move(call)}); }
+
+// Runs `body` in a thread whose stack is only 256 KiB.
+inline void on_small_stack(std::function<void()> body) {
+    pthread_attr_t attr;
+    pthread_t thread;
+    pthread_attr_init(&attr);
+    ASSERT_EQ(pthread_attr_setstacksize(&attr, 256 * 1024), 0);
+    auto run = [](void *arg) -> void * { return (*static_cast<std::function<void()> *>(arg))(), nullptr; };
+    ASSERT_EQ(pthread_create(&thread, &attr, run, &body), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+}
 
 } // namespace tov::test

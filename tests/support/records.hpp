@@ -29,8 +29,10 @@ inline Bytes encode(const detail::MessageDesc &desc, const void *record) {
 }
 
 // Random records of any message, driven by its table: every field kind the codec has, nesting
-// through inline records and arrays down to `depth`, fan-out up to `max_elements`. Strings and
-// arrays come from `alloc`, so a record is released with its free_ext.
+// through inline records and arrays down to `depth`, fan-out up to `max_elements`. Now and then
+// presence and content disagree (a member without its bit, a bit without a string, an empty run
+// with its bit, a NULL item), which the encoder must settle by its rules. Strings and arrays come
+// from `alloc`, so a record is released with its free_ext.
 class RecordFiller {
 public:
     RecordFiller(uint32_t seed, tov_alloc_fn alloc, uintptr_t ctx) : rng_(seed), alloc_(alloc), ctx_(ctx) {}
@@ -53,7 +55,7 @@ public:
                 put<uint64_t>(member, (uint64_t{number()} << pick(33)) ^ number());
                 break;
             case detail::Kind::String:
-                put<char *>(member, string());
+                put<char *>(member, chance(5) ? nullptr : string());
                 break;
             case detail::Kind::Flag:
                 break;
@@ -63,8 +65,8 @@ public:
             case detail::Kind::Messages: {
                 if (depth <= 0) continue;
                 const detail::MessageDesc &sub = detail::sub_of(d, f);
-                const uint32_t count = 1 + pick(max_elements);
-                auto *elements = static_cast<uint8_t *>(alloc_(count * sub.size, ctx_));
+                const uint32_t count = chance(5) ? 0 : 1 + pick(max_elements);
+                auto *elements = count ? static_cast<uint8_t *>(alloc_(count * sub.size, ctx_)) : nullptr;
                 for (uint32_t k = 0; k < count; ++k) fill(sub, elements + k * sub.size, depth - 1, max_elements);
                 put<uint8_t *>(member, elements);
                 put<uint32_t>(record + f.count_offset, count);
@@ -73,13 +75,13 @@ public:
             case detail::Kind::Strings: {
                 const uint32_t count = 1 + pick(max_elements);
                 auto **items = static_cast<char **>(alloc_(count * sizeof(char *), ctx_));
-                for (uint32_t k = 0; k < count; ++k) items[k] = string();
+                for (uint32_t k = 0; k < count; ++k) items[k] = chance(5) ? nullptr : string();
                 put<char **>(member, items);
                 put<uint32_t>(record + f.count_offset, count);
                 break;
             }
             }
-            tov_bit_set(record + d.present_offset, i);
+            if (!chance(5)) tov_bit_set(record + d.present_offset, i);
         }
     }
 

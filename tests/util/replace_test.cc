@@ -17,8 +17,7 @@ std::string replace(const std::string &source, const std::vector<str_pair> &pair
     return tov::test::take(str_replace_multi(source.c_str(), pairs.data(), n, kLabel)).value();
 }
 
-TEST(ReplaceMulti, CapTiesAndNullPairs) {
-    EXPECT_EQ(replace("aaaaaaaaaaaa", {{"a", "b"}}), "bbbbbbbbbbaa"); // first plus nine more
+TEST(ReplaceMulti, TiesAmongManyPairsAndNullPairs) {
     std::vector<std::string> names; // equal patterns: the earlier pair wins, however many
     for (int i = 0; i < 60; ++i) names.push_back(std::string("r") + std::to_string(i));
     std::vector<str_pair> same;
