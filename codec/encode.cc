@@ -30,29 +30,68 @@ void out_of_working_memory() {
 
 namespace {
 
-inline uint32_t varint_size32(uint32_t v) { return (static_cast<uint32_t>(31 - __builtin_clz(v | 1)) * 9 + 73) / 64; }
+// Most lengths and numbers take one byte.
+inline uint32_t varint_size32(uint32_t v) {
+    if (v < 0x80) [[likely]]
+        return 1;
+    return (static_cast<uint32_t>(31 - __builtin_clz(v)) * 9 + 73) / 64;
+}
 inline uint32_t varint_size64(uint64_t v) {
-    return (static_cast<uint32_t>(63 - __builtin_clzll(v | 1)) * 9 + 73) / 64;
+    if (v < 0x80) [[likely]]
+        return 1;
+    return (static_cast<uint32_t>(63 - __builtin_clzll(v)) * 9 + 73) / 64;
 }
 
-// Measures: `at` grows by every byte emitted.
+// Copies a string of n bytes; short ones (most names and values) without a call, and without
+// reading a byte outside the string.
+[[gnu::always_inline]] inline void copy_bytes(uint8_t *to, const char *from, uint32_t n) {
+    if (n > 16) {
+        std::memcpy(to, from, n);
+    } else if (n >= 8) {
+        uint64_t head, tail;
+        std::memcpy(&head, from, 8);
+        std::memcpy(&tail, from + n - 8, 8);
+        std::memcpy(to, &head, 8);
+        std::memcpy(to + n - 8, &tail, 8);
+    } else if (n >= 4) {
+        uint32_t head, tail;
+        std::memcpy(&head, from, 4);
+        std::memcpy(&tail, from + n - 4, 4);
+        std::memcpy(to, &head, 4);
+        std::memcpy(to + n - 4, &tail, 4);
+    } else if (n != 0) {
+        to[0] = static_cast<uint8_t>(from[0]);
+        to[n >> 1] = static_cast<uint8_t>(from[n >> 1]);
+        to[n - 1] = static_cast<uint8_t>(from[n - 1]);
+    }
+}
+
+template <class V> inline uint32_t varint_size(V v) {
+    if constexpr (sizeof(V) == 8)
+        return varint_size64(v);
+    else
+        return varint_size32(v);
+}
+
+// Measures: `at` grows by every byte emitted. The walks emit whole fields (key, then a varint, then
+// for a string its bytes); a message body is emitted before its key and length.
 struct Counter {
     uint64_t at = 0; // the caller sees 32 bits; 64 here tell that a hand-built record went past them
     uint32_t claimed = 0; // non-empty message encodings
-    void byte(uint8_t) { ++at; }
-    void varint32(uint32_t v) { at += varint_size32(v); }
-    void varint64(uint64_t v) { at += varint_size64(v); }
-    template <uint16_t Key, uint8_t Size> void key() { at += Size; }
-    void bytes(const void *, uint32_t n) { at += n; }
+    template <uint16_t Key, uint8_t KeySize, class V> void number(V v) { at += KeySize + varint_size(v); }
+    template <uint16_t Key, uint8_t KeySize> void text(const char *, uint32_t n) {
+        at += uint64_t{n} + KeySize + varint_size32(n);
+    }
     uint32_t mark() const { return static_cast<uint32_t>(at); }
     uint32_t since(uint32_t mark) const { return static_cast<uint32_t>(at) - mark; }
     void claim(uint32_t, uint32_t, size_t) { ++claimed; }
 };
 
-// Writes towards the start: `at` is the absolute position of the first byte written so far. With
-// Clip, only positions below the capacity are written, a string only when it fits whole; a
-// position that went below zero wraps around past the capacity and is not written either.
-template <bool Clip> struct Writer {
+// Writes towards the start: `at` is the absolute position of the first byte written so far. Only
+// positions below the capacity are written, a string only when it fits whole; a position that
+// went below zero wraps around past the capacity and is not written either. A field that lies
+// wholly inside the buffer (nearly all of them) is checked once and written front to back.
+struct Writer {
     uint8_t *buffer;
     uint32_t capacity;
     uint32_t at;
@@ -61,49 +100,60 @@ template <bool Clip> struct Writer {
     uint32_t span_total = 0; // spans the whole encoding claims
     uint32_t claimed = 0;
 
-    bool fits(uint32_t n) const { return !Clip || (at <= capacity && n <= capacity - at); }
-    void byte(uint8_t b) {
-        --at;
-        if (fits(1)) buffer[at] = b;
-    }
-    void varint32(uint32_t v) {
-        if (v < 0x80) return byte(static_cast<uint8_t>(v));
-        varint(v, varint_size32(v));
-    }
-    void varint64(uint64_t v) { varint(v, varint_size64(v)); }
-    template <uint16_t Key, uint8_t Size> void key() {
-        if constexpr (Size == 1) {
-            byte(static_cast<uint8_t>(Key));
-        } else {
-            byte(static_cast<uint8_t>(Key >> 7));
-            byte(static_cast<uint8_t>(Key | 0x80));
-        }
-    }
-    void varint(uint64_t v, uint32_t size) {
-        at -= size;
-        if (fits(size)) {
-            uint8_t *p = buffer + at;
-            for (; v >= 0x80; v >>= 7) *p++ = static_cast<uint8_t>(v | 0x80);
-            *p = static_cast<uint8_t>(v);
+    template <uint16_t Key, uint8_t KeySize, class V> void number(V v) {
+        const uint32_t size = varint_size(v);
+        if (inside(size + KeySize)) [[likely]] {
+            at -= size + KeySize;
+            put_varint(put_key<Key, KeySize>(buffer + at), v);
             return;
         }
-        for (uint32_t i = 0; i < size; ++i, v >>= 7)
-            if (at + i < capacity) buffer[at + i] = static_cast<uint8_t>(i + 1 < size ? (v | 0x80) : v);
+        clipped_varint(v, size);
+        clipped_key<Key, KeySize>();
     }
-    void bytes(const void *data, uint32_t n) {
+    template <uint16_t Key, uint8_t KeySize> void text(const char *s, uint32_t n) {
+        const uint32_t size = varint_size32(n);
+        if (inside(n) && size + KeySize <= at - n) [[likely]] {
+            at -= n + size + KeySize;
+            copy_bytes(put_varint(put_key<Key, KeySize>(buffer + at), n), s, n);
+            return;
+        }
         at -= n;
-        if (fits(n) && n != 0) std::memcpy(buffer + at, data, n);
+        if (at <= capacity && n <= capacity - at && n != 0) std::memcpy(buffer + at, s, n);
+        clipped_varint(n, size);
+        clipped_key<Key, KeySize>();
     }
     uint32_t mark() const { return at; }
     uint32_t since(uint32_t mark) const { return mark - at; }
     // The message just written (at `at`, n bytes) takes the span that front-to-back writing would
     // give it: after it come its enclosing messages and everything written before it here.
     void claim(uint32_t n, uint32_t claimed_before, size_t enclosing) {
+        ++claimed;
+        if (span_room == 0) return;
         const uint32_t index = span_total - 1 - claimed_before - static_cast<uint32_t>(enclosing);
         if (index < span_room)
             spans[index] = TovSpan{enclosing == 0 ? buffer : (at < capacity ? buffer + at : nullptr), n};
-        ++claimed;
     }
+
+private:
+    // The n bytes in front of `at` are all at positions from 0 to below the capacity.
+    bool inside(uint32_t n) const { return at <= capacity && n <= at; }
+    template <uint16_t Key, uint8_t KeySize> static uint8_t *put_key(uint8_t *p) {
+        if constexpr (KeySize == 2) *p++ = static_cast<uint8_t>(Key | 0x80);
+        *p++ = static_cast<uint8_t>(KeySize == 2 ? Key >> 7 : Key);
+        return p;
+    }
+    template <class V> static uint8_t *put_varint(uint8_t *p, V v) {
+        for (; v >= 0x80; v >>= 7) *p++ = static_cast<uint8_t>(v | 0x80);
+        *p++ = static_cast<uint8_t>(v);
+        return p;
+    }
+    // Byte by byte, skipping every position at or past the capacity.
+    void clipped_varint(uint64_t v, uint32_t size) {
+        at -= size;
+        for (uint32_t i = 0; i < size; ++i, v >>= 7)
+            if (at + i < capacity) buffer[at + i] = static_cast<uint8_t>(i + 1 < size ? (v | 0x80) : v);
+    }
+    template <uint16_t Key, uint8_t KeySize> void clipped_key() { clipped_varint(Key, KeySize); }
 };
 
 // ---- what the walks know of a table at compile time ----
@@ -137,63 +187,56 @@ template <const MessageDesc &D, size_t I, class Out>
     static constexpr FieldDesc f = D.fields[I];
     const bool present = (bits >> I) & 1u;
     if constexpr (f.kind == Kind::Varint32) {
-        if (present) out.varint32(load<uint32_t>(record + f.offset)), out.template key<f.key, f.key_size>();
+        if (present) out.template number<f.key, f.key_size>(load<uint32_t>(record + f.offset));
     } else if constexpr (f.kind == Kind::Bool) {
-        if (present) out.varint32(load<uint8_t>(record + f.offset)), out.template key<f.key, f.key_size>();
+        if (present) out.template number<f.key, f.key_size>(uint32_t{load<uint8_t>(record + f.offset)});
     } else if constexpr (f.kind == Kind::Varint64) {
-        if (present) out.varint64(load<uint64_t>(record + f.offset)), out.template key<f.key, f.key_size>();
+        if (present) out.template number<f.key, f.key_size>(load<uint64_t>(record + f.offset));
     } else if constexpr (f.kind == Kind::String) {
-        const char *s = load<const char *>(record + f.offset);
-        if (present && s) {
-            const uint32_t n = static_cast<uint32_t>(std::strlen(s));
-            out.bytes(s, n);
-            out.varint32(n);
-            out.template key<f.key, f.key_size>();
-        }
+        if (!present) return; // absent members are not even read: they sit on cold cache lines
+        if (const char *s = load<const char *>(record + f.offset))
+            out.template text<f.key, f.key_size>(s, static_cast<uint32_t>(std::strlen(s)));
     } else if constexpr (f.kind == Kind::Flag) {
-        if (present) out.byte(0), out.template key<f.key, f.key_size>();
+        if (present) out.template number<f.key, f.key_size>(0u);
     } else if constexpr (f.kind == Kind::Strings) {
+        if (!present) return;
         auto *const *items = load<char *const *>(record + f.offset);
-        if (!present || !items) return;
-        for (uint32_t k = load<uint32_t>(record + f.count_offset); k-- > 0;) {
-            const uint32_t n = items[k] ? static_cast<uint32_t>(std::strlen(items[k])) : 0;
-            out.bytes(items[k], n);
-            out.varint32(n);
-            out.template key<f.key, f.key_size>();
-        }
+        if (!items) return;
+        for (uint32_t k = load<uint32_t>(record + f.count_offset); k-- > 0;)
+            out.template text<f.key, f.key_size>(items[k], items[k] ? static_cast<uint32_t>(std::strlen(items[k])) : 0);
     } else if constexpr (f.kind == Kind::Message) {
         // Sent when present or when it has content: a record with no presence bit set in it
         // sends nothing, so it is not entered.
         const uint8_t *sub = record + f.offset;
-        if (has_content<*f.sub>(sub)) {
-            out.varint32(message<*f.sub>(sub, out, depth + 1));
-            out.template key<f.key, f.key_size>();
-        } else if (present) {
-            out.byte(0);
-            out.template key<f.key, f.key_size>();
-        }
+        if (has_content<*f.sub>(sub))
+            out.template number<f.key, f.key_size>(message<*f.sub>(sub, out, depth + 1));
+        else if (present)
+            out.template number<f.key, f.key_size>(0u);
     } else {
         static_assert(f.kind == Kind::Messages && f.sub, "a message's own children are walked by tree()");
+        if (!present) return;
         const auto *elements = load<const uint8_t *>(record + f.offset);
-        if (!present || !elements) return;
-        for (uint32_t k = load<uint32_t>(record + f.count_offset); k-- > 0;) {
-            out.varint32(message<*f.sub>(elements + size_t{k} * f.sub->size, out, depth + 1));
-            out.template key<f.key, f.key_size>();
-        }
+        if (!elements) return;
+        for (uint32_t k = load<uint32_t>(record + f.count_offset); k-- > 0;)
+            out.template number<f.key, f.key_size>(message<*f.sub>(elements + size_t{k} * f.sub->size, out, depth + 1));
     }
 }
 
 // Fields From..To-1, the last first.
+template <const MessageDesc &D, size_t To, class Out, size_t... K>
+[[gnu::always_inline]] inline void fields_from_last([[maybe_unused]] const uint8_t *record,
+                                                    [[maybe_unused]] uint32_t bits, [[maybe_unused]] Out &out,
+                                                    [[maybe_unused]] size_t depth, std::index_sequence<K...>) {
+    (field<D, To - 1 - K>(record, bits, out, depth), ...);
+}
 template <const MessageDesc &D, size_t From, size_t To, class Out>
 [[gnu::always_inline]] inline void fields(const uint8_t *record, uint32_t bits, Out &out, size_t depth) {
-    [&]<size_t... K>(std::index_sequence<K...>) {
-        (field<D, To - 1 - K>(record, bits, out, depth), ...);
-    }(std::make_index_sequence<To - From>{});
+    fields_from_last<D, To>(record, bits, out, depth, std::make_index_sequence<To - From>{});
 }
 
 // A message that contains itself: the fields behind its children first, then the children from
-// the last (each a node entered the same way), then the fields before them. Nodes wait on an
-// explicit stack, so the depth of a tree costs no C stack.
+// the last (each a node entered the same way), then the fields before them. Nodes with children
+// wait on an explicit stack, so the depth of a tree costs no C stack; a leaf is written at once.
 template <const MessageDesc &D, class Out> void tree(const uint8_t *root, Out &out, size_t depth) {
     static constexpr size_t R = static_cast<size_t>(kSelfField<D>);
     static constexpr FieldDesc children = D.fields[R];
@@ -203,30 +246,40 @@ template <const MessageDesc &D, class Out> void tree(const uint8_t *root, Out &o
         uint32_t mark;      // where the node's encoding ends
         uint32_t claimed;   // spans claimed before the node was entered
     };
-    CodecStack<Node> stack;
-    auto enter = [&](const uint8_t *record, uint32_t mark, uint32_t claimed) {
-        const uint32_t bits = bits_of<D>(record);
-        fields<D, R + 1, D.field_count>(record, bits, out, depth + stack.size());
+    auto children_of = [](const uint8_t *record, uint32_t bits) -> uint32_t {
         const bool any = ((bits >> R) & 1u) && load<const uint8_t *>(record + children.offset);
-        must_push(stack, Node{record, any ? load<uint32_t>(record + children.count_offset) : 0, mark, claimed});
+        return any ? load<uint32_t>(record + children.count_offset) : 0;
     };
-    enter(root, 0, 0);
+    CodecStack<Node> stack;
+    const uint32_t root_bits = bits_of<D>(root);
+    fields<D, R + 1, D.field_count>(root, root_bits, out, depth);
+    must_push(stack, Node{root, children_of(root, root_bits), 0, 0});
     for (;;) {
         Node &node = stack.top();
         if (node.remaining != 0) {
             const uint32_t k = --node.remaining;
             const uint8_t *child = load<const uint8_t *>(node.record + children.offset) + size_t{k} * D.size;
-            enter(child, out.mark(), out.claimed);
+            const size_t enclosing = depth + stack.size();
+            const uint32_t mark = out.mark(), claimed = out.claimed, bits = bits_of<D>(child);
+            fields<D, R + 1, D.field_count>(child, bits, out, enclosing);
+            if (const uint32_t count = children_of(child, bits)) {
+                must_push(stack, Node{child, count, mark, claimed});
+                continue;
+            }
+            fields<D, 0, R>(child, bits, out, enclosing);
+            const uint32_t n = out.since(mark);
+            if (n != 0) out.claim(n, claimed, enclosing);
+            out.template number<children.key, children.key_size>(n);
             continue;
         }
         const Node done = node;
-        fields<D, 0, R>(done.record, bits_of<D>(done.record), out, depth + stack.size() - 1);
         stack.pop();
+        const size_t enclosing = depth + stack.size();
+        fields<D, 0, R>(done.record, bits_of<D>(done.record), out, enclosing);
         if (stack.empty()) return; // the root's caller sends its length
         const uint32_t n = out.since(done.mark);
-        if (n != 0) out.claim(n, done.claimed, depth + stack.size());
-        out.varint32(n);
-        out.template key<children.key, children.key_size>();
+        if (n != 0) out.claim(n, done.claimed, enclosing);
+        out.template number<children.key, children.key_size>(n);
     }
 }
 
@@ -262,7 +315,7 @@ uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, Tov
     const auto *record = static_cast<const uint8_t *>(root_record);
     Measured &last = last_measured;
     if (buffer && capacity != 0 && last.total == capacity && last.record == record && last.desc == &D) {
-        Writer<true> w{buffer, capacity, capacity, spans, spans && span_count ? *span_count : 0, last.spans};
+        Writer w{buffer, capacity, capacity, spans, spans && span_count ? *span_count : 0, last.spans};
         (void)message<D>(record, w, 0);
         if (w.at == 0 && w.claimed == last.spans) {
             if (span_count) *span_count = last.spans;
@@ -272,19 +325,15 @@ uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, Tov
     }
     Counter counter;
     (void)message<D>(record, counter, 0);
-    // Past 4 GiB positions wrap around; only the writer that checks every position stays inside.
+    // Past 4 GiB positions wrap around: such a length is not worth remembering.
     const uint32_t total = static_cast<uint32_t>(counter.at);
-    const bool whole = counter.at <= UINT32_MAX;
-    last = whole ? Measured{&D, record, total, counter.claimed} : Measured{};
+    last = counter.at <= UINT32_MAX ? Measured{&D, record, total, counter.claimed} : Measured{};
     if (span_count) {
-        Writer<true> w{buffer, buffer ? capacity : 0, total, spans, spans ? *span_count : 0, counter.claimed};
+        Writer w{buffer, buffer ? capacity : 0, total, spans, spans ? *span_count : 0, counter.claimed};
         (void)message<D>(record, w, 0);
         *span_count = counter.claimed;
-    } else if (buffer && capacity >= total && whole) {
-        Writer<false> w{buffer, capacity, total};
-        (void)message<D>(record, w, 0);
     } else if (buffer && capacity != 0) {
-        Writer<true> w{buffer, capacity, total};
+        Writer w{buffer, capacity, total};
         (void)message<D>(record, w, 0);
     }
     return total;
