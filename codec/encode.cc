@@ -78,8 +78,10 @@ template <class V> inline uint32_t varint_size(V v) {
 struct Counter {
     uint64_t at = 0; // the caller sees 32 bits; 64 here tell that a hand-built record went past them
     uint32_t claimed = 0; // non-empty message encodings
-    template <uint16_t Key, uint8_t KeySize, class V> void number(V v) { at += KeySize + varint_size(v); }
-    template <uint16_t Key, uint8_t KeySize> void text(const char *, uint32_t n) {
+    template <uint16_t Key, uint8_t KeySize, class V> [[gnu::always_inline]] void number(V v) {
+        at += KeySize + varint_size(v);
+    }
+    template <uint16_t Key, uint8_t KeySize> [[gnu::always_inline]] void text(const char *, uint32_t n) {
         at += uint64_t{n} + KeySize + varint_size32(n);
     }
     uint32_t mark() const { return static_cast<uint32_t>(at); }
@@ -100,7 +102,7 @@ struct Writer {
     uint32_t span_total = 0; // spans the whole encoding claims
     uint32_t claimed = 0;
 
-    template <uint16_t Key, uint8_t KeySize, class V> void number(V v) {
+    template <uint16_t Key, uint8_t KeySize, class V> [[gnu::always_inline]] void number(V v) {
         const uint32_t size = varint_size(v);
         if (inside(size + KeySize)) [[likely]] {
             at -= size + KeySize;
@@ -110,16 +112,14 @@ struct Writer {
         clipped_varint(v, size);
         clipped_key<Key, KeySize>();
     }
-    template <uint16_t Key, uint8_t KeySize> void text(const char *s, uint32_t n) {
+    template <uint16_t Key, uint8_t KeySize> [[gnu::always_inline]] void text(const char *s, uint32_t n) {
         const uint32_t size = varint_size32(n);
         if (inside(n) && size + KeySize <= at - n) [[likely]] {
             at -= n + size + KeySize;
             copy_bytes(put_varint(put_key<Key, KeySize>(buffer + at), n), s, n);
             return;
         }
-        at -= n;
-        if (at <= capacity && n <= capacity - at && n != 0) std::memcpy(buffer + at, s, n);
-        clipped_varint(n, size);
+        clipped_text(s, n, size);
         clipped_key<Key, KeySize>();
     }
     uint32_t mark() const { return at; }
@@ -148,12 +148,17 @@ private:
         return p;
     }
     // Byte by byte, skipping every position at or past the capacity.
-    void clipped_varint(uint64_t v, uint32_t size) {
+    [[gnu::noinline]] void clipped_varint(uint64_t v, uint32_t size) {
         at -= size;
         for (uint32_t i = 0; i < size; ++i, v >>= 7)
             if (at + i < capacity) buffer[at + i] = static_cast<uint8_t>(i + 1 < size ? (v | 0x80) : v);
     }
     template <uint16_t Key, uint8_t KeySize> void clipped_key() { clipped_varint(Key, KeySize); }
+    [[gnu::noinline]] void clipped_text(const char *s, uint32_t n, uint32_t size) {
+        at -= n;
+        if (at <= capacity && n <= capacity - at && n != 0) std::memcpy(buffer + at, s, n);
+        clipped_varint(n, size);
+    }
 };
 
 // ---- what the walks know of a table at compile time ----
@@ -229,8 +234,27 @@ template <const MessageDesc &D, size_t To, class Out, size_t... K>
                                                     [[maybe_unused]] size_t depth, std::index_sequence<K...>) {
     (field<D, To - 1 - K>(record, bits, out, depth), ...);
 }
+// The presence bits of fields From..To-1, and where the presence bytes of the inline records
+// among them lie: when none is set, none of those fields sends anything.
+template <const MessageDesc &D, size_t From, size_t To> inline constexpr uint32_t kRangeMask =
+    To - From >= 32 ? ~0u : ((1u << (To - From)) - 1) << From;
+template <const MessageDesc &D, size_t From, size_t To> inline constexpr auto kInlinePresence = [] {
+    struct { uint16_t at[96]; size_t count = 0; } bytes{};
+    for (size_t i = From; i < To; ++i)
+        if (const FieldDesc &f = D.fields[i]; f.kind == Kind::Message)
+            for (size_t k = 0; k < f.sub->closure_count; ++k) bytes.at[bytes.count++] = static_cast<uint16_t>(f.offset + f.sub->closure[k]);
+    return bytes;
+}();
+template <const MessageDesc &D, size_t From, size_t To, size_t... K>
+[[gnu::always_inline]] inline bool inline_presence(const uint8_t *record, std::index_sequence<K...>) {
+    return (0 | ... | record[kInlinePresence<D, From, To>.at[K]]) != 0;
+}
+
 template <const MessageDesc &D, size_t From, size_t To, class Out>
 [[gnu::always_inline]] inline void fields(const uint8_t *record, uint32_t bits, Out &out, size_t depth) {
+    if ((bits & kRangeMask<D, From, To>) == 0 &&
+        !inline_presence<D, From, To>(record, std::make_index_sequence<kInlinePresence<D, From, To>.count>{}))
+        return;
     fields_from_last<D, To>(record, bits, out, depth, std::make_index_sequence<To - From>{});
 }
 
