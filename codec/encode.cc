@@ -76,6 +76,7 @@ template <class V> inline uint32_t varint_size(V v) {
 // Measures: `at` grows by every byte emitted. The walks emit whole fields (key, then a varint, then
 // for a string its bytes); a message body is emitted before its key and length.
 struct Counter {
+    static constexpr bool kBackward = false; // any order measures; front to back reads memory in order
     uint64_t at = 0; // the caller sees 32 bits; 64 here tell that a hand-built record went past them
     uint32_t claimed = 0; // non-empty message encodings
     template <uint16_t Key, uint8_t KeySize, class V> [[gnu::always_inline]] void number(V v) {
@@ -94,6 +95,7 @@ struct Counter {
 // went below zero wraps around past the capacity and is not written either. A field that lies
 // wholly inside the buffer (nearly all of them) is checked once and written front to back.
 struct Writer {
+    static constexpr bool kBackward = true;
     uint8_t *buffer;
     uint32_t capacity;
     uint32_t at;
@@ -186,6 +188,14 @@ template <const MessageDesc &D> [[gnu::always_inline]] inline bool has_content(c
 
 template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *record, Out &out, size_t depth);
 
+// Elements 0..count-1 in the output's order.
+template <class Out, class Body> [[gnu::always_inline]] inline void each(uint32_t count, Body body) {
+    if constexpr (Out::kBackward)
+        for (uint32_t k = count; k-- > 0;) body(k);
+    else
+        for (uint32_t k = 0; k < count; ++k) body(k);
+}
+
 // One field of a record whose own enclosing count is `depth`.
 template <const MessageDesc &D, size_t I, class Out>
 [[gnu::always_inline]] inline void field(const uint8_t *record, uint32_t bits, Out &out, size_t depth) {
@@ -207,8 +217,9 @@ template <const MessageDesc &D, size_t I, class Out>
         if (!present) return;
         auto *const *items = load<char *const *>(record + f.offset);
         if (!items) return;
-        for (uint32_t k = load<uint32_t>(record + f.count_offset); k-- > 0;)
+        each<Out>(load<uint32_t>(record + f.count_offset), [&](uint32_t k) {
             out.template text<f.key, f.key_size>(items[k], items[k] ? static_cast<uint32_t>(std::strlen(items[k])) : 0);
+        });
     } else if constexpr (f.kind == Kind::Message) {
         // Sent when present or when it has content: a record with no presence bit set in it
         // sends nothing, so it is not entered.
@@ -222,17 +233,18 @@ template <const MessageDesc &D, size_t I, class Out>
         if (!present) return;
         const auto *elements = load<const uint8_t *>(record + f.offset);
         if (!elements) return;
-        for (uint32_t k = load<uint32_t>(record + f.count_offset); k-- > 0;)
+        each<Out>(load<uint32_t>(record + f.count_offset), [&](uint32_t k) {
             out.template number<f.key, f.key_size>(message<*f.sub>(elements + size_t{k} * f.sub->size, out, depth + 1));
+        });
     }
 }
 
-// Fields From..To-1, the last first.
-template <const MessageDesc &D, size_t To, class Out, size_t... K>
-[[gnu::always_inline]] inline void fields_from_last([[maybe_unused]] const uint8_t *record,
-                                                    [[maybe_unused]] uint32_t bits, [[maybe_unused]] Out &out,
-                                                    [[maybe_unused]] size_t depth, std::index_sequence<K...>) {
-    (field<D, To - 1 - K>(record, bits, out, depth), ...);
+// Fields From..To-1 in the output's order.
+template <const MessageDesc &D, size_t From, size_t To, class Out, size_t... K>
+[[gnu::always_inline]] inline void fields_in_order([[maybe_unused]] const uint8_t *record,
+                                                   [[maybe_unused]] uint32_t bits, [[maybe_unused]] Out &out,
+                                                   [[maybe_unused]] size_t depth, std::index_sequence<K...>) {
+    (field<D, Out::kBackward ? To - 1 - K : From + K>(record, bits, out, depth), ...);
 }
 // The presence bits of fields From..To-1, and where the presence bytes of the inline records
 // among them lie: when none is set, none of those fields sends anything.
@@ -255,55 +267,75 @@ template <const MessageDesc &D, size_t From, size_t To, class Out>
     if ((bits & kRangeMask<D, From, To>) == 0 &&
         !inline_presence<D, From, To>(record, std::make_index_sequence<kInlinePresence<D, From, To>.count>{}))
         return;
-    fields_from_last<D, To>(record, bits, out, depth, std::make_index_sequence<To - From>{});
+    fields_in_order<D, From, To>(record, bits, out, depth, std::make_index_sequence<To - From>{});
 }
 
-// A message that contains itself: the fields behind its children first, then the children from
-// the last (each a node entered the same way), then the fields before them. Nodes with children
-// wait on an explicit stack, so the depth of a tree costs no C stack; a leaf is written at once.
+// A message that contains itself: the fields on one side of its children, the children (each a
+// node entered the same way), then the fields on the other side, in the output's order. The node
+// being written is held in locals and the nodes enclosing it wait on an explicit stack, so the
+// depth of a tree costs no C stack; a leaf is written at once.
 template <const MessageDesc &D, class Out> void tree(const uint8_t *root, Out &out, size_t depth) {
     static constexpr size_t R = static_cast<size_t>(kSelfField<D>);
     static constexpr FieldDesc children = D.fields[R];
     struct Node {
         const uint8_t *record;
+        const uint8_t *children; // its children's array
+        uint32_t count;
         uint32_t remaining; // children still to write
-        uint32_t mark;      // where the node's encoding ends
+        uint32_t mark;      // where the node's encoding starts (counting) or ends (writing)
         uint32_t claimed;   // spans claimed before the node was entered
     };
-    auto children_of = [](const uint8_t *record, uint32_t bits) -> uint32_t {
-        const bool any = ((bits >> R) & 1u) && load<const uint8_t *>(record + children.offset);
-        return any ? load<uint32_t>(record + children.count_offset) : 0;
+    auto node_of = [](const uint8_t *record, uint32_t bits, uint32_t mark, uint32_t claimed) __attribute__((always_inline)) {
+        const auto *array = ((bits >> R) & 1u) ? load<const uint8_t *>(record + children.offset) : nullptr;
+        const uint32_t count = array ? load<uint32_t>(record + children.count_offset) : 0;
+        return Node{record, array, count, count, mark, claimed};
     };
+    auto before_children = [&out](const uint8_t *record, uint32_t bits, size_t enclosing) __attribute__((always_inline)) {
+        if constexpr (Out::kBackward)
+            fields<D, R + 1, D.field_count>(record, bits, out, enclosing);
+        else
+            fields<D, 0, R>(record, bits, out, enclosing);
+    };
+    auto after_children = [&out](const uint8_t *record, uint32_t bits, size_t enclosing) __attribute__((always_inline)) {
+        if constexpr (Out::kBackward)
+            fields<D, 0, R>(record, bits, out, enclosing);
+        else
+            fields<D, R + 1, D.field_count>(record, bits, out, enclosing);
+    };
+    auto close = [&out](uint32_t mark, uint32_t claimed, size_t enclosing) __attribute__((always_inline)) {
+        const uint32_t n = out.since(mark);
+        if (n != 0) out.claim(n, claimed, enclosing);
+        out.template number<children.key, children.key_size>(n);
+    };
+
     CodecStack<Node> stack;
     const uint32_t root_bits = bits_of<D>(root);
-    fields<D, R + 1, D.field_count>(root, root_bits, out, depth);
-    must_push(stack, Node{root, children_of(root, root_bits), 0, 0});
+    before_children(root, root_bits, depth);
+    Node node = node_of(root, root_bits, 0, 0);
     for (;;) {
-        Node &node = stack.top();
         if (node.remaining != 0) {
-            const uint32_t k = --node.remaining;
-            const uint8_t *child = load<const uint8_t *>(node.record + children.offset) + size_t{k} * D.size;
-            const size_t enclosing = depth + stack.size();
+            const uint32_t k = Out::kBackward ? node.remaining - 1 : node.count - node.remaining;
+            --node.remaining;
+            const uint8_t *child = node.children + size_t{k} * D.size;
+            const size_t enclosing = depth + stack.size() + 1;
             const uint32_t mark = out.mark(), claimed = out.claimed, bits = bits_of<D>(child);
-            fields<D, R + 1, D.field_count>(child, bits, out, enclosing);
-            if (const uint32_t count = children_of(child, bits)) {
-                must_push(stack, Node{child, count, mark, claimed});
+            before_children(child, bits, enclosing);
+            const Node inner = node_of(child, bits, mark, claimed);
+            if (inner.remaining != 0) {
+                must_push(stack, node);
+                node = inner;
                 continue;
             }
-            fields<D, 0, R>(child, bits, out, enclosing);
-            const uint32_t n = out.since(mark);
-            if (n != 0) out.claim(n, claimed, enclosing);
-            out.template number<children.key, children.key_size>(n);
+            after_children(child, bits, enclosing);
+            close(mark, claimed, enclosing);
             continue;
         }
-        const Node done = node;
-        stack.pop();
         const size_t enclosing = depth + stack.size();
-        fields<D, 0, R>(done.record, bits_of<D>(done.record), out, enclosing);
+        after_children(node.record, bits_of<D>(node.record), enclosing);
         if (stack.empty()) return; // the root's caller sends its length
-        const uint32_t n = out.since(done.mark);
-        if (n != 0) out.claim(n, done.claimed, enclosing);
-        out.template number<children.key, children.key_size>(n);
+        close(node.mark, node.claimed, enclosing);
+        node = stack.top();
+        stack.pop();
     }
 }
 
