@@ -104,25 +104,24 @@ struct Writer {
     uint32_t span_total = 0; // spans the whole encoding claims
     uint32_t claimed = 0;
 
+    // Most numbers and lengths take one byte; those fields are written here, the rest out of line.
     template <uint16_t Key, uint8_t KeySize, class V> [[gnu::always_inline]] void number(V v) {
-        const uint32_t size = varint_size(v);
-        if (inside(size + KeySize)) [[likely]] {
-            at -= size + KeySize;
-            put_varint(put_key<Key, KeySize>(buffer + at), v);
+        if (v < 0x80 && inside(1 + KeySize)) [[likely]] {
+            at -= 1 + KeySize;
+            *put_key<Key, KeySize>(buffer + at) = static_cast<uint8_t>(v);
             return;
         }
-        clipped_varint(v, size);
-        clipped_key<Key, KeySize>();
+        any_number<Key, KeySize>(v);
     }
     template <uint16_t Key, uint8_t KeySize> [[gnu::always_inline]] void text(const char *s, uint32_t n) {
-        const uint32_t size = varint_size32(n);
-        if (inside(n) && size + KeySize <= at - n) [[likely]] {
-            at -= n + size + KeySize;
-            copy_bytes(put_varint(put_key<Key, KeySize>(buffer + at), n), s, n);
+        if (n < 0x80 && inside(n + 1 + KeySize)) [[likely]] {
+            at -= n + 1 + KeySize;
+            uint8_t *p = put_key<Key, KeySize>(buffer + at);
+            *p = static_cast<uint8_t>(n);
+            copy_bytes(p + 1, s, n);
             return;
         }
-        clipped_text(s, n, size);
-        clipped_key<Key, KeySize>();
+        any_text<Key, KeySize>(s, n);
     }
     uint32_t mark() const { return at; }
     uint32_t since(uint32_t mark) const { return mark - at; }
@@ -156,10 +155,27 @@ private:
             if (at + i < capacity) buffer[at + i] = static_cast<uint8_t>(i + 1 < size ? (v | 0x80) : v);
     }
     template <uint16_t Key, uint8_t KeySize> void clipped_key() { clipped_varint(Key, KeySize); }
-    [[gnu::noinline]] void clipped_text(const char *s, uint32_t n, uint32_t size) {
+    template <uint16_t Key, uint8_t KeySize, class V> [[gnu::noinline]] void any_number(V v) {
+        const uint32_t size = varint_size(v);
+        if (inside(size + KeySize)) {
+            at -= size + KeySize;
+            put_varint(put_key<Key, KeySize>(buffer + at), v);
+            return;
+        }
+        clipped_varint(v, size);
+        clipped_key<Key, KeySize>();
+    }
+    template <uint16_t Key, uint8_t KeySize> [[gnu::noinline]] void any_text(const char *s, uint32_t n) {
+        const uint32_t size = varint_size32(n);
+        if (inside(n) && size + KeySize <= at - n) {
+            at -= n + size + KeySize;
+            copy_bytes(put_varint(put_key<Key, KeySize>(buffer + at), n), s, n);
+            return;
+        }
         at -= n;
         if (at <= capacity && n <= capacity - at && n != 0) std::memcpy(buffer + at, s, n);
         clipped_varint(n, size);
+        clipped_key<Key, KeySize>();
     }
 };
 
