@@ -367,14 +367,16 @@ template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *recor
     return n;
 }
 
-// The last length this thread measured, and of what.
+// The last length this thread measured, and of what. Initial-exec: a thread's first encode must
+// not make the dynamic loader allocate the variable (a library loaded with dlopen fits it in the
+// static TLS space glibc keeps for such small needs).
 struct Measured {
     const MessageDesc *desc;
     const void *record;
     uint32_t total;
     uint32_t spans;
 };
-thread_local Measured last_measured;
+[[gnu::tls_model("initial-exec")]] thread_local Measured last_measured;
 
 } // namespace
 
