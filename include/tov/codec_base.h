@@ -14,6 +14,10 @@
  * Decoding resets the record first and allocates only through alloc_fn; a record that owns
  * memory from decode_ext or duplicate is released with free_ext (also after a failed decode).
  * Encoding with capacity 0 measures; a result above capacity means the output is incomplete.
+ * A writing call whose capacity is exactly the length this thread last measured for the same
+ * record starts from that measurement and checks it; a record changed in between is measured
+ * again and written as it is now, but the bytes of the buffer that the new encoding does not
+ * cover may then have been overwritten.
  * codec_ctx is handed on unchanged and never interpreted. */
 #ifndef TOV_CODEC_BASE_H
 #define TOV_CODEC_BASE_H
