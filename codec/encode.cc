@@ -419,7 +419,8 @@ struct Measured {
 } // namespace
 
 template <const MessageDesc &D>
-uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, TovSpan *spans, uint32_t *span_count) {
+uint32_t encode_message(const void *root_record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
+                        uint32_t *span_count) {
     if (!root_record) {
         if (span_count) *span_count = 0;
         return 0;
@@ -452,14 +453,14 @@ uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, Tov
 }
 
 #define TOV_ENCODER_OF(m, T, ...)                                                                      \
-    template uint32_t encode<k##T>(const void *, uint8_t *, uint32_t, TovSpan *, uint32_t *);
+    template uint32_t encode_message<k##T>(const void *, uint8_t *, uint32_t, TovSpan *, uint32_t *);
 TOV_MESSAGES(TOV_ENCODER_OF)
 #undef TOV_ENCODER_OF
 
 uint32_t encode(const MessageDesc &desc, const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
                 uint32_t *span_count) {
 #define TOV_ENCODER_OF(m, T, ...)                                                                      \
-    if (&desc == &k##T) return encode<k##T>(record, buffer, capacity, spans, span_count);
+    if (&desc == &k##T) return encode_message<k##T>(record, buffer, capacity, spans, span_count);
     TOV_MESSAGES(TOV_ENCODER_OF)
 #undef TOV_ENCODER_OF
     std::abort(); // not reached: every table is in the list
