@@ -244,13 +244,11 @@ template <const MessageDesc &D, size_t I, class Out>
             out.template text<f.key, f.key_size>(items[k], items[k] ? static_cast<uint32_t>(std::strlen(items[k])) : 0);
         });
     } else if constexpr (f.kind == Kind::Message) {
-        // Sent when present or when it has content: a record with no presence bit set in it
-        // sends nothing, so it is not entered.
+        // Sent when present or when its encoding is not empty; a record with no presence bit
+        // set in it encodes to nothing, so it is not even entered.
         const uint8_t *sub = record + f.offset;
-        if (has_content<*f.sub>(sub))
-            out.template number<f.key, f.key_size>(message<*f.sub>(sub, out, depth + 1));
-        else if (present)
-            out.template number<f.key, f.key_size>(0u);
+        const uint32_t n = has_content<*f.sub>(sub) ? message<*f.sub>(sub, out, depth + 1) : 0;
+        if (n != 0 || present) out.template number<f.key, f.key_size>(n);
     } else {
         static_assert(f.kind == Kind::Messages && f.sub, "a message's own children are walked by tree()");
         if (!present) return;
