@@ -111,6 +111,13 @@ struct Writer {
             *put_key<Key, KeySize>(buffer + at) = static_cast<uint8_t>(v);
             return;
         }
+        if (v < 0x4000 && inside(2 + KeySize)) { // the length of most messages that hold others
+            at -= 2 + KeySize;
+            uint8_t *p = put_key<Key, KeySize>(buffer + at);
+            p[0] = static_cast<uint8_t>(v | 0x80);
+            p[1] = static_cast<uint8_t>(v >> 7);
+            return;
+        }
         any_number<Key, KeySize>(v);
     }
     template <uint16_t Key, uint8_t KeySize> [[gnu::always_inline]] void text(const char *s, uint32_t n) {
@@ -237,13 +244,11 @@ template <const MessageDesc &D, size_t I, class Out>
             out.template text<f.key, f.key_size>(items[k], items[k] ? static_cast<uint32_t>(std::strlen(items[k])) : 0);
         });
     } else if constexpr (f.kind == Kind::Message) {
-        // Sent when present or when it has content: a record with no presence bit set in it
-        // sends nothing, so it is not entered.
+        // Sent when present or when its encoding is not empty; a record with no presence bit
+        // set in it encodes to nothing, so it is not even entered.
         const uint8_t *sub = record + f.offset;
-        if (has_content<*f.sub>(sub))
-            out.template number<f.key, f.key_size>(message<*f.sub>(sub, out, depth + 1));
-        else if (present)
-            out.template number<f.key, f.key_size>(0u);
+        const uint32_t n = has_content<*f.sub>(sub) ? message<*f.sub>(sub, out, depth + 1) : 0;
+        if (n != 0 || present) out.template number<f.key, f.key_size>(n);
     } else {
         static_assert(f.kind == Kind::Messages && f.sub, "a message's own children are walked by tree()");
         if (!present) return;
@@ -290,7 +295,7 @@ template <const MessageDesc &D, size_t From, size_t To, class Out>
 // node entered the same way), then the fields on the other side, in the output's order. The node
 // being written is held in locals and the nodes enclosing it wait on an explicit stack, so the
 // depth of a tree costs no C stack; a leaf is written at once.
-template <const MessageDesc &D, class Out> void tree(const uint8_t *root, Out &out, size_t depth) {
+template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uint8_t *root, Out &out, size_t depth) {
     static constexpr size_t R = static_cast<size_t>(kSelfField<D>);
     static constexpr FieldDesc children = D.fields[R];
     struct Node {
@@ -356,7 +361,7 @@ template <const MessageDesc &D, class Out> void tree(const uint8_t *root, Out &o
 }
 
 // Writes one record and claims its span; returns its length.
-template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *record, Out &out, size_t depth) {
+template <const MessageDesc &D, class Out> inline uint32_t walk(const uint8_t *record, Out &out, size_t depth) {
     const uint32_t mark = out.mark(), claimed = out.claimed;
     if constexpr (kSelfField<D> >= 0)
         tree<D>(record, out, depth);
@@ -365,6 +370,37 @@ template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *recor
     const uint32_t n = out.since(mark);
     if (n != 0) out.claim(n, claimed, depth);
     return n;
+}
+
+// True when `inner` is `outer` or lies somewhere inside it.
+constexpr bool holds(const MessageDesc &outer, const MessageDesc &inner) {
+    if (&outer == &inner) return true;
+    for (unsigned i = 0; i < outer.field_count; ++i)
+        if (const MessageDesc *sub = outer.fields[i].sub; sub && outer.fields[i].kind != Kind::Flag && holds(*sub, inner))
+            return true;
+    return false;
+}
+// Trees and what they hold are where the time goes; the envelopes around them are written once
+// per message, so their walks are kept small and out of the way.
+#define TOV_HOLDS_IN_TREE(m, T, ...) || (kSelfField<k##T> >= 0 && holds(k##T, D))
+template <const MessageDesc &D> inline constexpr bool kInTree = false TOV_MESSAGES(TOV_HOLDS_IN_TREE);
+#undef TOV_HOLDS_IN_TREE
+
+template <const MessageDesc &D, class Out>
+[[gnu::cold, gnu::noinline]] uint32_t envelope(const uint8_t *record, Out &out, size_t depth) {
+    return walk<D>(record, out, depth);
+}
+
+template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *record, Out &out, size_t depth) {
+    if constexpr (kInTree<D>)
+        return walk<D>(record, out, depth);
+    else
+        return envelope<D>(record, out, depth);
+}
+
+// A whole record, from an entry point: one copy per message and output.
+template <const MessageDesc &D, class Out> [[gnu::noinline]] void whole(const uint8_t *record, Out &out) {
+    (void)message<D>(record, out, 0);
 }
 
 // The last length this thread measured, and of what. Initial-exec: a thread's first encode must
@@ -381,7 +417,8 @@ struct Measured {
 } // namespace
 
 template <const MessageDesc &D>
-uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, TovSpan *spans, uint32_t *span_count) {
+uint32_t encode_message(const void *root_record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
+                        uint32_t *span_count) {
     if (!root_record) {
         if (span_count) *span_count = 0;
         return 0;
@@ -390,7 +427,7 @@ uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, Tov
     Measured &last = last_measured;
     if (buffer && capacity != 0 && last.total == capacity && last.record == record && last.desc == &D) {
         Writer w{buffer, capacity, capacity, spans, spans && span_count ? *span_count : 0, last.spans};
-        (void)message<D>(record, w, 0);
+        whole<D>(record, w);
         if (w.at == 0 && w.claimed == last.spans) {
             if (span_count) *span_count = last.spans;
             return capacity;
@@ -398,30 +435,30 @@ uint32_t encode(const void *root_record, uint8_t *buffer, uint32_t capacity, Tov
         // The record changed since it was measured: measure it again.
     }
     Counter counter;
-    (void)message<D>(record, counter, 0);
+    whole<D>(record, counter);
     // Past 4 GiB positions wrap around: such a length is not worth remembering.
     const uint32_t total = static_cast<uint32_t>(counter.at);
     last = counter.at <= UINT32_MAX ? Measured{&D, record, total, counter.claimed} : Measured{};
     if (span_count) {
         Writer w{buffer, buffer ? capacity : 0, total, spans, spans ? *span_count : 0, counter.claimed};
-        (void)message<D>(record, w, 0);
+        whole<D>(record, w);
         *span_count = counter.claimed;
     } else if (buffer && capacity != 0) {
         Writer w{buffer, capacity, total};
-        (void)message<D>(record, w, 0);
+        whole<D>(record, w);
     }
     return total;
 }
 
 #define TOV_ENCODER_OF(m, T, ...)                                                                      \
-    template uint32_t encode<k##T>(const void *, uint8_t *, uint32_t, TovSpan *, uint32_t *);
+    template uint32_t encode_message<k##T>(const void *, uint8_t *, uint32_t, TovSpan *, uint32_t *);
 TOV_MESSAGES(TOV_ENCODER_OF)
 #undef TOV_ENCODER_OF
 
 uint32_t encode(const MessageDesc &desc, const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
                 uint32_t *span_count) {
 #define TOV_ENCODER_OF(m, T, ...)                                                                      \
-    if (&desc == &k##T) return encode<k##T>(record, buffer, capacity, spans, span_count);
+    if (&desc == &k##T) return encode_message<k##T>(record, buffer, capacity, spans, span_count);
     TOV_MESSAGES(TOV_ENCODER_OF)
 #undef TOV_ENCODER_OF
     std::abort(); // not reached: every table is in the list

@@ -67,7 +67,8 @@ Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint
               uintptr_t alloc_ctx);
 // Each message's encoder, generated from its table; the second form finds it by table.
 template <const MessageDesc &D>
-uint32_t encode(const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans, uint32_t *span_count);
+uint32_t encode_message(const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
+                        uint32_t *span_count);
 uint32_t encode(const MessageDesc &desc, const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
                 uint32_t *span_count);
 Status duplicate(const MessageDesc &desc, void *destination, const void *source, tov_alloc_fn alloc_fn,

@@ -23,12 +23,12 @@
 #define TOV_ENCODE_5(m, T)                                                                             \
     extern "C" TOV_API uint32_t kesh_tov_##m##_encode_ext(const T *record, uint8_t *buffer, uint32_t capacity, \
                                                           TovSpan *spans, uint32_t *span_count) {      \
-        return ::tov::detail::encode<k##T>(record, buffer, capacity, spans, span_count);               \
+        return ::tov::detail::encode_message<k##T>(record, buffer, capacity, spans, span_count);        \
     }
 #define TOV_ENCODE_6(m, T)                                                                             \
     extern "C" TOV_API uint32_t kesh_tov_##m##_encode_ext(const T *record, uint8_t *buffer, uint32_t capacity, \
                                                           TovSpan *spans, uint32_t *span_count, uintptr_t) { \
-        return ::tov::detail::encode<k##T>(record, buffer, capacity, spans, span_count);               \
+        return ::tov::detail::encode_message<k##T>(record, buffer, capacity, spans, span_count);        \
     }
 #define TOV_FREE_3(m, T)                                                                               \
     extern "C" TOV_API void kesh_tov_##m##_free_ext(T *record, tov_free_fn free_fn, uintptr_t free_ctx) { \
