@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The behaviours a table-driven engine could get wrong: varints, one-run repeated fields, the result
-// codes (hostile lengths among them), release, truncation, short room, spans and duplication; then
-// the few wire details particular to a message. Every message round trips through the corpus, the
-// interop and the fuzz tests.
+// codes (hostile lengths among them), release, truncation, short room, spans, a record changed
+// between measuring and writing, duplication past a failure; then the few wire details particular
+// to a message. Every message round trips through the corpus, the interop and the fuzz tests.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
 
 #include "support/records.hpp"
@@ -193,34 +194,58 @@ TEST(Spans, InnermostFirstOnePerNonEmptyEncoding) {
     EXPECT_EQ(count, 0u);
 }
 
-// A NULL item stays NULL; a failed allocation leaves that member absent (its bit clear), gives -4,
-// and the copy goes on. (A copy left unsound by a failure is the allocation
-// sweep's to find.)
-TEST(Duplicate, GoesOnPastAFailedFieldAndKeepsNullItems) {
-    NodeInfo ni{}, c;
-    char *items[] = {text("a"), nullptr, text("c")};
-    ni.text = text("t");
-    ni.number = 9;
-    ni.items = items;
-    ni.items_count = 3;
-    for (unsigned b : {TOV_NODE_INFO_BIT_TEXT, TOV_NODE_INFO_BIT_NUMBER, TOV_NODE_INFO_BIT_ITEMS})
-        tov_bit_set(ni.present, b);
-    kor_named_fail_nth(1); // the text
-    EXPECT_EQ(kesh_tov_node_info_duplicate(&c, &ni, named_alloc, kLabel.ctx()), -4);
-    EXPECT_EQ(c.text, nullptr);
-    EXPECT_FALSE(tov_bit_is_set(c.present, TOV_NODE_INFO_BIT_TEXT));
-    EXPECT_EQ(c.number, 9u);
-    EXPECT_STREQ(c.items[0], "a");
-    EXPECT_EQ(c.items[1], nullptr);
-    EXPECT_STREQ(c.items[2], "c");
-    kesh_tov_node_info_free_ext(&c, named_free, 0);
-    kor_named_fail_nth(0);
-    EXPECT_EQ(kLabel.live(), 0u);
+// A writing call whose capacity is the length this thread just measured for the same record starts
+// from that measurement; a record changed in between must be written as it is now, as a copy at
+// another address (which cannot reuse the measurement) writes it, spans included.
+TEST(Encode, ARecordChangedBetweenMeasuringAndWritingIsWrittenAsItIsNow) {
+    DataTree kids[2]{}, root{};
+    kids[1].name = text("mtu");
+    tov_bit_set(kids[1].present, TOV_DATATREE_BIT_NAME);
+    tov_bit_set(kids[1].present, TOV_DATATREE_BIT_VALUE);
+    root.children = kids, root.children_count = 2;
+    tov_bit_set(root.present, TOV_DATATREE_BIT_CHILDREN);
+    struct Written {
+        uint32_t n, count = 4;
+        Bytes bytes;
+        std::vector<std::pair<long, uint32_t>> spans; // offset (-1: none), length
+    };
+    auto measure = [](const DataTree &t) { return kesh_tov_datatree_encode_ext(&t, nullptr, 0, nullptr, nullptr, 0); };
+    auto write = [](const DataTree &t, uint32_t capacity, uint8_t fill) { // over `fill`, with 8 bytes more
+        Written w{0, 4, Bytes(capacity + 8, fill), {}};
+        TovSpan spans[4];
+        w.n = kesh_tov_datatree_encode_ext(&t, w.bytes.data(), capacity, spans, &w.count, 0);
+        for (uint32_t i = 0; i < std::min(w.count, 4u); ++i)
+            w.spans.emplace_back(spans[i].start ? spans[i].start - w.bytes.data() : -1, spans[i].length);
+        return w;
+    };
+    // The value written after measuring: the same length, shorter, longer; and last, an empty first
+    // child that gains two bytes while the value loses two, so that only the span count differs.
+    for (const char *now : {"9000", "", "65535 bytes", "15"}) {
+        SCOPED_TRACE(now);
+        auto set = [&](bool changed) {
+            kids[1].value = text(changed ? now : "1500");
+            (changed && !std::strcmp(now, "15") ? tov_bit_set : tov_bit_clear)(kids[0].present, TOV_DATATREE_BIT_OPERATION);
+        };
+        set(false);
+        const uint32_t measured = measure(root);
+        set(true);
+        const DataTree copy = root; // two fillings tell which bytes a short capacity leaves alone
+        const Written want = write(copy, measured, 0x11), alone = write(copy, measured, 0x22);
+        set(false);
+        ASSERT_EQ(measure(root), measured); // the root's measurement is the last one again
+        set(true);
+        const Written got = write(root, measured, 0x11);
+        EXPECT_TRUE(got.n == want.n && got.count == want.count && got.spans == want.spans);
+        for (uint32_t i = 0; i < got.bytes.size(); ++i)
+            EXPECT_TRUE(got.bytes[i] == want.bytes[i] || (i < measured && want.bytes[i] != alone.bytes[i])) << i;
+    }
 }
 
-// What a message's own rows settle: a boolean kept as 0 or 1, and edit_config's field order (1, 2,
-// 4, 3, 5; protobuf reads it all the same). Defaults are the interop test's, against the schema.
-TEST(Messages, BooleansAndEditConfigFieldOrder) {
+// What a message's own rows settle: a boolean kept as 0 or 1; edit_config's field order (1, 2,
+// 4, 3, 5; protobuf reads it all the same); node_info's duplicate, which keeps a NULL item NULL and,
+// when one field's allocation fails, leaves that field absent, copies the rest and gives -4.
+// Defaults are the interop test's, against the schema.
+TEST(Messages, BooleansEditConfigFieldOrderAndNodeInfoDuplicate) {
     Commit commit;
     const Bytes two = {0x08, 0x02};
     ASSERT_EQ(kesh_tov_commit_decode_ext(&commit, two.data(), 2, nullptr, 0), 0);
@@ -233,6 +258,17 @@ TEST(Messages, BooleansAndEditConfigFieldOrder) {
     for (unsigned b : {TOV_EDIT_CONFIG_BIT_OPTION_2, TOV_EDIT_CONFIG_BIT_OPTION_3, TOV_EDIT_CONFIG_BIT_OPTION_4})
         tov_bit_set(ec.present, b);
     EXPECT_EQ(encode(detail::kEditConfig, &ec), (Bytes{0x10, 0x01, 0x20, 0x04, 0x18, 0x03}));
+    NodeInfo ni{}, c;
+    char *items[] = {text("a"), nullptr, text("c")};
+    ni.text = text("t"), ni.number = 9, ni.items = items, ni.items_count = 3;
+    for (unsigned b : {TOV_NODE_INFO_BIT_TEXT, TOV_NODE_INFO_BIT_NUMBER, TOV_NODE_INFO_BIT_ITEMS}) tov_bit_set(ni.present, b);
+    kor_named_fail_nth(1); // the text
+    EXPECT_EQ(kesh_tov_node_info_duplicate(&c, &ni, named_alloc, kLabel.ctx()), -4);
+    kor_named_fail_nth(0);
+    EXPECT_TRUE(c.text == nullptr && !tov_bit_is_set(c.present, TOV_NODE_INFO_BIT_TEXT) && c.number == 9);
+    EXPECT_TRUE(c.items_count == 3 && !std::strcmp(c.items[0], "a") && !c.items[1] && !std::strcmp(c.items[2], "c"));
+    kesh_tov_node_info_free_ext(&c, named_free, 0);
+    EXPECT_EQ(kLabel.live(), 0u);
 }
 
 } // namespace
