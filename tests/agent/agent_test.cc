@@ -122,18 +122,9 @@ struct Client {
         if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) ADD_FAILURE() << "connect";
     }
     ~Client() { close(fd); }
-    // Moves all `n` bytes with `step` (send or recv); false at an error or the end of the stream.
-    template <class C, class Step> static bool all(C *b, size_t n, Step step) {
-        for (ssize_t k; n; b += k, n -= static_cast<size_t>(k))
-            if ((k = step(b, n)) <= 0) return false;
-        return true;
-    }
-    bool write_all(const void *p, size_t n) {
-        return all(static_cast<const char *>(p), n, [&](const char *b, size_t k) { return ::send(fd, b, k, MSG_NOSIGNAL); });
-    }
-    bool read_all(void *p, size_t n) {
-        return all(static_cast<char *>(p), n, [&](char *b, size_t k) { return ::recv(fd, b, k, 0); });
-    }
+    // Frames here are small: one send, or one recv that waits for all, moves them whole.
+    bool write_all(const void *p, size_t n) { return ::send(fd, p, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n); }
+    bool read_all(void *p, size_t n) { return n == 0 || ::recv(fd, p, n, MSG_WAITALL) == static_cast<ssize_t>(n); }
     // One response: decoded into `response` or false at end of stream.
     bool response(Reply &r) {
         uint32_t be;

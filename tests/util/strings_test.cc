@@ -104,6 +104,7 @@ TEST(Strings, AllocationFailuresAndEdgeCases) {
     EXPECT_EQ(out, nullptr);
     EXPECT_STREQ(str_rtrim(blanks), "");
     EXPECT_EQ(tov_count_char_occurences("a,b", 0), 0u);
+    EXPECT_EQ(tov_string_hash_calc("foobar"), 0xbf9cf968u); // FNV-1a reference value
 }
 
 } // namespace
