@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// tov-msg against protoc, and a running tov-agent driven over its socket.
+// A running tov-agent driven over its socket, through tov-msg and raw frames.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -26,27 +26,19 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::string;
 
-// Sanitized and emulated builds compare fewer messages.
-const bool kLight = std::string(TOV_AGENT_EMULATOR).size() > 0 || TOV_AGENT_SANITIZED;
-
-// ---- processes ----
-
-std::vector<std::string> command(const char *tool, std::vector<std::string> args) {
-    std::vector<std::string> words;
-    std::istringstream emulator(TOV_AGENT_EMULATOR);
-    if (std::string(tool) != TOV_PROTOC)
-        for (std::string w; emulator >> w;) words.push_back(w);
-    words.push_back(tool);
-    words.insert(words.end(), args.begin(), args.end());
-    return words;
-}
-
-pid_t spawn(const std::vector<std::string> &words, const fs::path &in, const fs::path &out, const fs::path &err) {
+// Starts `tool` (under the build's emulator, if it has one) with its standard streams on files.
+pid_t spawn(const char *tool, const std::vector<std::string> &args, const fs::path &in, const fs::path &out,
+            const fs::path &err) {
     pid_t pid = fork();
     if (pid == 0) {
         freopen(in.c_str(), "rb", stdin), freopen(out.c_str(), "wb", stdout), freopen(err.c_str(), "wb", stderr);
+        std::vector<std::string> words;
+        std::istringstream emulator(TOV_AGENT_EMULATOR);
+        for (std::string w; emulator >> w;) words.push_back(w);
+        words.push_back(tool);
+        words.insert(words.end(), args.begin(), args.end());
         std::vector<char *> argv;
-        for (auto &w : words) argv.push_back(const_cast<char *>(w.c_str()));
+        for (auto &w : words) argv.push_back(w.data());
         argv.push_back(nullptr);
         execv(argv[0], argv.data());
         _exit(127);
@@ -71,69 +63,13 @@ struct TempDir {
     ~TempDir() { fs::remove_all(path); }
 };
 
-// Runs a tool with `input` on standard input; returns its exit status and standard output.
-std::pair<int, std::string> run(const char *tool, std::vector<std::string> args, const std::string &input,
-                                const fs::path &dir) {
-    const fs::path in = dir / "in", out = dir / "out";
-    std::ofstream(in, std::ios::binary) << input;
-    int rc = wait_exit(spawn(command(tool, std::move(args)), in, out, dir / "err"));
-    return {rc, slurp(out)};
-}
-
-// ---- tov-msg ----
-
-TEST(MsgTool, DecodeEqualsProtocOnTheCorpusAndTheWorkloads) {
-    if (std::string(TOV_PROTOC).empty()) GTEST_SKIP() << "protoc not available";
-    TempDir t;
-    const fs::path corpus = t.path / "corpus";
-    ::setenv("TOV_CORPUS_DIR", corpus.c_str(), 1);
-    ASSERT_EQ(run(TOV_CODEC_TESTS, {"--gtest_filter=Corpus.*"}, "", t.path).first, 0);
-    ::unsetenv("TOV_CORPUS_DIR");
-    std::vector<std::pair<std::string, fs::path>> inputs;
-    const int per_message = kLight ? 2 : 8;
-    for (const auto &m : fs::directory_iterator(corpus))
-        for (int k = 0; k < per_message && fs::exists(m.path() / ("seed-" + std::to_string(k))); ++k)
-            inputs.emplace_back(m.path().filename(), m.path() / ("seed-" + std::to_string(k)));
-    for (const char *w : {"flat1k.bin", "yang10k.bin"})
-        if (fs::exists(fs::path(TOV_WORKLOADS) / w)) inputs.emplace_back("request", fs::path(TOV_WORKLOADS) / w);
-    // bytes outside printable ASCII, quotes and backslashes, escaped as protobuf does
-    const auto [erc, escaped] = run(TOV_PROTOC, {"--encode=kesh.tov.datatree", "-I" TOV_PROTO_DIR, "tov.proto"},
-                                    "name: \"a\\001\\t\\n\\\"'\\\\ \\303\\251\\177\" value: \"\"", t.path);
-    ASSERT_EQ(erc, 0);
-    std::ofstream(t.path / "escaped", std::ios::binary) << escaped;
-    inputs.emplace_back("datatree", t.path / "escaped");
-    ASSERT_GT(inputs.size(), 35u);
-    for (const auto &[message, file] : inputs) {
-        SCOPED_TRACE(file.string());
-        const auto ours = run(TOV_MSG, {"decode", message, file}, "", t.path);
-        const auto theirs = run(TOV_PROTOC, {"--decode=kesh.tov." + message, "-I" TOV_PROTO_DIR, "tov.proto"},
-                                slurp(file), t.path);
-        ASSERT_EQ(theirs.first, 0);
-        EXPECT_EQ(ours, theirs);
-    }
-}
-
-// chain1k is deeper than protoc will go.
-TEST(MsgTool, EncodeReadsWhatDecodePrints) {
-    TempDir t;
-    for (const char *w : {"flat1k.bin", "chain1k.bin"}) {
-        if (!fs::exists(fs::path(TOV_WORKLOADS) / w)) continue;
-        const Bytes original = slurp(fs::path(TOV_WORKLOADS) / w);
-        const auto bytes = run(TOV_MSG, {"encode", "request"}, run(TOV_MSG, {"decode", "request"}, original, t.path).second, t.path);
-        EXPECT_TRUE(bytes.first == 0 && bytes.second == original) << w;
-    }
-    EXPECT_EQ(run(TOV_MSG, {"encode", "request"}, "operation: -1", t.path).first, 3) << "no silently wrong value";
-}
-
-// ---- the agent ----
-
 class Agent {
 public:
     explicit Agent(const fs::path &dir, std::vector<std::string> extra = {}) : dir_(dir) {
         std::vector<std::string> args = {"--socket", socket(), "--datastore", (dir_ / "data").string()};
         args.insert(args.end(), extra.begin(), extra.end());
         ::setenv("TOV_TRACE_DIR", (dir_ / "rings").c_str(), 1);
-        pid_ = spawn(command(TOV_AGENT, args), "/dev/null", dir_ / "agent.out", dir_ / "agent.err");
+        pid_ = spawn(TOV_AGENT, args, "/dev/null", dir_ / "agent.out", dir_ / "agent.err");
         for (int i = 0; i < 500 && !fs::exists(socket()); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     // A clean stop exits 0; under the sanitizers that also means nothing leaked.
@@ -143,7 +79,11 @@ public:
     }
     std::string socket() const { return (dir_ / "agent.sock").string(); }
     // tov-msg send: exit status and the response as text
-    std::pair<int, std::string> send(const std::string &text) const { return run(TOV_MSG, {"send", "--socket", socket()}, text, dir_); }
+    std::pair<int, std::string> send(const std::string &text) const {
+        std::ofstream(dir_ / "in", std::ios::binary) << text;
+        const int rc = wait_exit(spawn(TOV_MSG, {"send", "--socket", socket()}, dir_ / "in", dir_ / "out", dir_ / "err"));
+        return {rc, slurp(dir_ / "out")};
+    }
 
 private:
     fs::path dir_;
@@ -182,18 +122,9 @@ struct Client {
         if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) ADD_FAILURE() << "connect";
     }
     ~Client() { close(fd); }
-    // Moves all `n` bytes with `step` (send or recv); false at an error or the end of the stream.
-    template <class C, class Step> static bool all(C *b, size_t n, Step step) {
-        for (ssize_t k; n; b += k, n -= static_cast<size_t>(k))
-            if ((k = step(b, n)) <= 0) return false;
-        return true;
-    }
-    bool write_all(const void *p, size_t n) {
-        return all(static_cast<const char *>(p), n, [&](const char *b, size_t k) { return ::send(fd, b, k, MSG_NOSIGNAL); });
-    }
-    bool read_all(void *p, size_t n) {
-        return all(static_cast<char *>(p), n, [&](char *b, size_t k) { return ::recv(fd, b, k, 0); });
-    }
+    // Frames here are small: one send, or one recv that waits for all, moves them whole.
+    bool write_all(const void *p, size_t n) { return ::send(fd, p, n, MSG_NOSIGNAL) == static_cast<ssize_t>(n); }
+    bool read_all(void *p, size_t n) { return n == 0 || ::recv(fd, p, n, MSG_WAITALL) == static_cast<ssize_t>(n); }
     // One response: decoded into `response` or false at end of stream.
     bool response(Reply &r) {
         uint32_t be;

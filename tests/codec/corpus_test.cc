@@ -26,20 +26,20 @@ TEST(Corpus, CanonicalEncodingsOfEveryMessageRoundTripByteForByte) {
             std::filesystem::create_directories(out);
         }
         RecordFiller filler(0x5EED0000 + d.size, named_alloc, kLabel.ctx());
-        std::vector<std::max_align_t> a(d.size / sizeof(std::max_align_t) + 1), b(a.size());
+        Record a(d), b(d);
         const int count = d.field_count == 0 ? 1 : 40;
         for (int k = 0; k < count; ++k) {
-            filler.fill(d, a.data(), 3);
-            const Bytes canonical = encode(d, a.data());
-            c.free(a.data(), named_free, 0);
-            ASSERT_EQ(c.decode(b.data(), canonical.data(), static_cast<uint32_t>(canonical.size()), named_alloc,
+            filler.fill(d, a.get(), 3);
+            const Bytes canonical = encode(d, a.get());
+            c.free(a.get(), named_free, 0);
+            ASSERT_EQ(c.decode(b.get(), canonical.data(), static_cast<uint32_t>(canonical.size()), named_alloc,
                                kLabel.ctx()),
                       0);
-            EXPECT_EQ(encode(d, b.data()), canonical) << k;
-            ASSERT_EQ(c.duplicate(a.data(), b.data(), named_alloc, kLabel.ctx()), 0);
-            c.free(b.data(), named_free, 0);
-            EXPECT_EQ(encode(d, a.data()), canonical) << "the copy owns all it needs, " << k;
-            c.free(a.data(), named_free, 0);
+            EXPECT_EQ(encode(d, b.get()), canonical) << k;
+            ASSERT_EQ(c.duplicate(a.get(), b.get(), named_alloc, kLabel.ctx()), 0);
+            c.free(b.get(), named_free, 0);
+            EXPECT_EQ(encode(d, a.get()), canonical) << "the copy owns all it needs, " << k;
+            c.free(a.get(), named_free, 0);
             if (dir) {
                 std::ofstream file(out / ("seed-" + std::to_string(k)), std::ios::binary);
                 file.write(reinterpret_cast<const char *>(canonical.data()), static_cast<std::streamsize>(canonical.size()));

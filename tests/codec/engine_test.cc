@@ -1,13 +1,50 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The behaviours a table-driven engine could get wrong: varints, one-run repeated fields, the result
-// codes (hostile lengths among them), release, truncation, short room, spans and duplication; then
-// the few wire details particular to a message. Every message round trips through the corpus, the
-// interop and the fuzz tests.
+// codes (hostile lengths among them), release, truncation, short room, spans, a record changed
+// between measuring and writing, duplication past a failure; then the few wire details particular
+// to a message; then hostile conditions: every allocation failing in turn, trees a million levels
+// deep on a small stack, a run too long to size, and no heap calls below 256 levels. Every message
+// round trips through the corpus, the interop and the fuzz tests.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
+#include <vector>
 
 #include "support/records.hpp"
+
+// Counts the calling thread's calls to the C heap, so a test can show that a codec operation
+// makes none (not with the sanitizers, whose allocator must not be bypassed).
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TOV_HEAP_SHIM 0
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define TOV_HEAP_SHIM 0
+#endif
+#ifndef TOV_HEAP_SHIM
+#define TOV_HEAP_SHIM 1
+namespace {
+thread_local bool t_counting = false;
+thread_local uint64_t t_heap_calls = 0;
+} // namespace
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+extern "C" void *__libc_realloc(void *, size_t);
+extern "C" void *malloc(size_t n) {
+    t_heap_calls += t_counting;
+    return __libc_malloc(n);
+}
+extern "C" void *calloc(size_t n, size_t size) {
+    t_heap_calls += t_counting;
+    return __libc_calloc(n, size);
+}
+extern "C" void *realloc(void *p, size_t n) {
+    t_heap_calls += t_counting;
+    return __libc_realloc(p, n);
+}
+#endif
 
 namespace tov::test {
 namespace {
@@ -193,34 +230,58 @@ TEST(Spans, InnermostFirstOnePerNonEmptyEncoding) {
     EXPECT_EQ(count, 0u);
 }
 
-// A NULL item stays NULL; a failed allocation leaves that member absent (its bit clear), gives -4,
-// and the copy goes on. (A copy left unsound by a failure is the allocation
-// sweep's to find.)
-TEST(Duplicate, GoesOnPastAFailedFieldAndKeepsNullItems) {
-    NodeInfo ni{}, c;
-    char *items[] = {text("a"), nullptr, text("c")};
-    ni.text = text("t");
-    ni.number = 9;
-    ni.items = items;
-    ni.items_count = 3;
-    for (unsigned b : {TOV_NODE_INFO_BIT_TEXT, TOV_NODE_INFO_BIT_NUMBER, TOV_NODE_INFO_BIT_ITEMS})
-        tov_bit_set(ni.present, b);
-    kor_named_fail_nth(1); // the text
-    EXPECT_EQ(kesh_tov_node_info_duplicate(&c, &ni, named_alloc, kLabel.ctx()), -4);
-    EXPECT_EQ(c.text, nullptr);
-    EXPECT_FALSE(tov_bit_is_set(c.present, TOV_NODE_INFO_BIT_TEXT));
-    EXPECT_EQ(c.number, 9u);
-    EXPECT_STREQ(c.items[0], "a");
-    EXPECT_EQ(c.items[1], nullptr);
-    EXPECT_STREQ(c.items[2], "c");
-    kesh_tov_node_info_free_ext(&c, named_free, 0);
-    kor_named_fail_nth(0);
-    EXPECT_EQ(kLabel.live(), 0u);
+// A writing call whose capacity is the length this thread just measured for the same record starts
+// from that measurement; a record changed in between must be written as it is now, as a copy at
+// another address (which cannot reuse the measurement) writes it, spans included.
+TEST(Encode, ARecordChangedBetweenMeasuringAndWritingIsWrittenAsItIsNow) {
+    DataTree kids[2]{}, root{};
+    kids[1].name = text("mtu");
+    tov_bit_set(kids[1].present, TOV_DATATREE_BIT_NAME);
+    tov_bit_set(kids[1].present, TOV_DATATREE_BIT_VALUE);
+    root.children = kids, root.children_count = 2;
+    tov_bit_set(root.present, TOV_DATATREE_BIT_CHILDREN);
+    struct Written {
+        uint32_t n, count = 4;
+        Bytes bytes;
+        std::vector<std::pair<long, uint32_t>> spans; // offset (-1: none), length
+    };
+    auto measure = [](const DataTree &t) { return kesh_tov_datatree_encode_ext(&t, nullptr, 0, nullptr, nullptr, 0); };
+    auto write = [](const DataTree &t, uint32_t capacity, uint8_t fill) { // over `fill`, with 8 bytes more
+        Written w{0, 4, Bytes(capacity + 8, fill), {}};
+        TovSpan spans[4];
+        w.n = kesh_tov_datatree_encode_ext(&t, w.bytes.data(), capacity, spans, &w.count, 0);
+        for (uint32_t i = 0; i < std::min(w.count, 4u); ++i)
+            w.spans.emplace_back(spans[i].start ? spans[i].start - w.bytes.data() : -1, spans[i].length);
+        return w;
+    };
+    // The value written after measuring: the same length, shorter, longer; and last, an empty first
+    // child that gains two bytes while the value loses two, so that only the span count differs.
+    for (const char *now : {"9000", "", "65535 bytes", "15"}) {
+        SCOPED_TRACE(now);
+        auto set = [&](bool changed) {
+            kids[1].value = text(changed ? now : "1500");
+            (changed && !std::strcmp(now, "15") ? tov_bit_set : tov_bit_clear)(kids[0].present, TOV_DATATREE_BIT_OPERATION);
+        };
+        set(false);
+        const uint32_t measured = measure(root);
+        set(true);
+        const DataTree copy = root; // two fillings tell which bytes a short capacity leaves alone
+        const Written want = write(copy, measured, 0x11), alone = write(copy, measured, 0x22);
+        set(false);
+        ASSERT_EQ(measure(root), measured); // the root's measurement is the last one again
+        set(true);
+        const Written got = write(root, measured, 0x11);
+        EXPECT_TRUE(got.n == want.n && got.count == want.count && got.spans == want.spans);
+        for (uint32_t i = 0; i < got.bytes.size(); ++i)
+            EXPECT_TRUE(got.bytes[i] == want.bytes[i] || (i < measured && want.bytes[i] != alone.bytes[i])) << i;
+    }
 }
 
-// What a message's own rows settle: a boolean kept as 0 or 1, and edit_config's field order (1, 2,
-// 4, 3, 5; protobuf reads it all the same). Defaults are the interop test's, against the schema.
-TEST(Messages, BooleansAndEditConfigFieldOrder) {
+// What a message's own rows settle: a boolean kept as 0 or 1; edit_config's field order (1, 2,
+// 4, 3, 5; protobuf reads it all the same); node_info's duplicate, which keeps a NULL item NULL and,
+// when one field's allocation fails, leaves that field absent, copies the rest and gives -4.
+// Defaults are the interop test's, against the schema.
+TEST(Messages, BooleansEditConfigFieldOrderAndNodeInfoDuplicate) {
     Commit commit;
     const Bytes two = {0x08, 0x02};
     ASSERT_EQ(kesh_tov_commit_decode_ext(&commit, two.data(), 2, nullptr, 0), 0);
@@ -233,7 +294,159 @@ TEST(Messages, BooleansAndEditConfigFieldOrder) {
     for (unsigned b : {TOV_EDIT_CONFIG_BIT_OPTION_2, TOV_EDIT_CONFIG_BIT_OPTION_3, TOV_EDIT_CONFIG_BIT_OPTION_4})
         tov_bit_set(ec.present, b);
     EXPECT_EQ(encode(detail::kEditConfig, &ec), (Bytes{0x10, 0x01, 0x20, 0x04, 0x18, 0x03}));
+    NodeInfo ni{}, c;
+    char *items[] = {text("a"), nullptr, text("c")};
+    ni.text = text("t"), ni.number = 9, ni.items = items, ni.items_count = 3;
+    for (unsigned b : {TOV_NODE_INFO_BIT_TEXT, TOV_NODE_INFO_BIT_NUMBER, TOV_NODE_INFO_BIT_ITEMS}) tov_bit_set(ni.present, b);
+    kor_named_fail_nth(1); // the text
+    EXPECT_EQ(kesh_tov_node_info_duplicate(&c, &ni, named_alloc, kLabel.ctx()), -4);
+    kor_named_fail_nth(0);
+    EXPECT_TRUE(c.text == nullptr && !tov_bit_is_set(c.present, TOV_NODE_INFO_BIT_TEXT) && c.number == 9);
+    EXPECT_TRUE(c.items_count == 3 && !std::strcmp(c.items[0], "a") && !c.items[1] && !std::strcmp(c.items[2], "c"));
+    kesh_tov_node_info_free_ext(&c, named_free, 0);
+    EXPECT_EQ(kLabel.live(), 0u);
 }
+
+TEST(AllocationFailure, EachPointOfDecodeAndDuplicateFailsCleanlyOnceOrFromThereOn) {
+    RecordFiller gen(7, named_alloc, kLabel.ctx());
+    DataTree source{};
+    Bytes bytes;
+    while (bytes.size() < 2000) {
+        free_tree(source);
+        gen.fill(detail::kDataTree, &source, 6);
+        bytes = encode(detail::kDataTree, &source);
+    }
+    auto decode_once = [&]() -> int64_t {
+        DataTree t;
+        const int32_t rc = decode_tree(t, bytes);
+        free_tree(t);
+        return rc;
+    };
+    auto copy_once = [&]() -> int64_t {
+        DataTree copy, again;
+        const int32_t rc = kesh_tov_datatree_duplicate(&copy, &source, named_alloc, kLabel.ctx());
+        // What could be copied is a sound record: its bytes decode again (into an arena, out of
+        // the failures' reach).
+        const Bytes partial = encode(detail::kDataTree, &copy);
+        free_tree(copy);
+        Arena arena;
+        EXPECT_LE(partial.size(), bytes.size());
+        EXPECT_EQ(kesh_tov_datatree_decode_ext(&again, partial.data(), static_cast<uint32_t>(partial.size()),
+                                               Arena::alloc, arena.ctx(), 0),
+                  0);
+        return rc;
+    };
+    EXPECT_GT(allocation_points(Sweep{decode_once, 0, -4}), 20u);
+    EXPECT_GT(allocation_points(Sweep{copy_once, 0, -4}), 20u);
+    free_tree(source);
+    EXPECT_EQ(kLabel.live(), 0u);
+}
+
+// A chain built by hand, `depth` levels each numbering itself and holding one child from
+// `alloc`; returns the last level.
+DataTree *chain(DataTree &root, uint32_t depth, tov_alloc_fn alloc, uintptr_t ctx) {
+    DataTree *node = &root;
+    for (uint32_t level = 0;; ++level, node = node->children) {
+        node->aux_number_4 = level;
+        tov_bit_set(node->present, TOV_DATATREE_BIT_AUX_NUMBER_4);
+        if (level + 1 == depth) return node;
+        node->children = static_cast<DataTree *>(alloc(sizeof(DataTree), ctx));
+        std::memset(node->children, 0, sizeof(DataTree));
+        node->children_count = 1;
+        tov_bit_set(node->present, TOV_DATATREE_BIT_CHILDREN);
+    }
+}
+
+TEST(Depth, AMillionLevelsOnA256KiBStack) {
+    constexpr uint32_t kDepth = 1000000;
+    DataTree root{};
+    chain(root, kDepth, named_alloc, kLabel.ctx());
+    on_small_stack([&] {
+        const uint32_t n = kesh_tov_datatree_encode_ext(&root, nullptr, 0, nullptr, nullptr, 0);
+        Bytes bytes(n);
+        ASSERT_EQ(kesh_tov_datatree_encode_ext(&root, bytes.data(), n, nullptr, nullptr, 0), n);
+        DataTree decoded, copy;
+        ASSERT_EQ(decode_tree(decoded, bytes), 0);
+        ASSERT_EQ(kesh_tov_datatree_duplicate(&copy, &decoded, named_alloc, kLabel.ctx()), 0);
+        EXPECT_EQ(encode(detail::kDataTree, &copy), bytes) << "every level, numbered, came through";
+        free_tree(decoded);
+        free_tree(copy);
+        free_tree(root);
+    });
+    EXPECT_EQ(kLabel.live(), 0u);
+}
+
+TEST(HostileSizes, ARunTooLongToSizeIsRefusedBeforeAllocating) {
+    // Enough empty children that count x record size exceeds 32 bits: two bytes each.
+    const uint64_t count = UINT32_MAX / sizeof(DataTree) + 1;
+    Bytes run(count * 2, 0x00);
+    for (uint64_t i = 0; i < count; ++i) run[2 * i] = 0x3A;
+    const uint64_t before = kLabel.total();
+    DataTree t;
+    EXPECT_EQ(decode_tree(t, run), -4);
+    EXPECT_EQ(kLabel.total(), before);
+    free_tree(t);
+}
+
+#if TOV_HEAP_SHIM
+// Blocks from a fixed region and a release that does nothing: the callbacks touch no heap either.
+std::vector<std::max_align_t> g_region(8u << 20 >> 4);
+size_t g_used = 0;
+void *region_alloc(uint32_t size, uintptr_t) {
+    void *p = reinterpret_cast<char *>(g_region.data()) + g_used;
+    g_used += (size_t{size} + 15) & ~size_t{15};
+    return g_used <= g_region.size() * sizeof(std::max_align_t) ? p : nullptr;
+}
+void region_free(void *, uintptr_t) {}
+
+// Heap calls made by every codec operation on a request whose configuration is a chain `depth`
+// levels deep with a wide last level.
+uint64_t heap_calls_of_every_operation(uint32_t depth) {
+    g_used = 0;
+    Request request{};
+    request.operation = TOV_OP_EDIT_CONFIG;
+    tov_bit_set(request.present, TOV_REQUEST_BIT_EDIT_CONFIG);
+    tov_bit_set(request.edit_config.present, TOV_EDIT_CONFIG_BIT_CONFIG);
+    DataTree *node = chain(request.edit_config.config, depth, region_alloc, 0);
+    node->children_count = 500;
+    node->children = static_cast<DataTree *>(region_alloc(500 * sizeof(DataTree), 0));
+    std::memset(node->children, 0, 500 * sizeof(DataTree));
+    tov_bit_set(node->present, TOV_DATATREE_BIT_CHILDREN);
+    for (uint32_t i = 0; i < 500; ++i) {
+        DataTree &leaf = node->children[i];
+        leaf.value = text("leaf");
+        leaf.insert.attribute.name = text("key");
+        tov_bit_set(leaf.present, TOV_DATATREE_BIT_VALUE);
+        tov_bit_set(leaf.insert.attribute.present, TOV_ATTRIBUTE_BIT_NAME);
+    }
+    const uint32_t n = kesh_tov_request_encode_ext(&request, nullptr, 0, nullptr, nullptr, 0);
+    Bytes bytes(n);
+    std::vector<TovSpan> spans(600);
+    Request decoded, copy;
+
+    t_heap_calls = 0;
+    t_counting = true;
+    kesh_tov_request_encode_ext(&request, nullptr, 0, nullptr, nullptr, 0);
+    kesh_tov_request_encode_ext(&request, bytes.data(), n, nullptr, nullptr, 0);
+    kesh_tov_request_encode_ext(&request, bytes.data(), n / 2, nullptr, nullptr, 0);
+    uint32_t span_count = static_cast<uint32_t>(spans.size());
+    kesh_tov_request_encode_ext(&request, bytes.data(), n, spans.data(), &span_count, 0);
+    const int32_t decoded_rc = kesh_tov_request_decode_ext(&decoded, bytes.data(), n, region_alloc, 0, 0);
+    const int32_t copied_rc = kesh_tov_request_duplicate(&copy, &decoded, region_alloc, 0);
+    kesh_tov_request_free_ext(&copy, region_free, 0, 0);
+    kesh_tov_request_free_ext(&decoded, region_free, 0, 0);
+    t_counting = false;
+    EXPECT_EQ(decoded_rc, 0);
+    EXPECT_EQ(copied_rc, 0);
+    EXPECT_EQ(span_count, 2 + depth + 3 * 500); // the leaves carry insert and its attribute
+    return t_heap_calls;
+}
+
+TEST(Depth, NoHeapCallsUpTo256LevelsWhateverTheWidth) {
+    EXPECT_EQ(heap_calls_of_every_operation(256), 0u);
+    EXPECT_GT(heap_calls_of_every_operation(2000), 0u) << "the count sees working memory past that depth";
+}
+#endif
 
 } // namespace
 } // namespace tov::test

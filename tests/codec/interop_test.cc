@@ -145,12 +145,6 @@ void expect_same(const MessageDesc &d, const uint8_t *rec, const pb::Message &m,
     }
 }
 
-struct Record {
-    explicit Record(const MessageDesc &d) : storage((d.size + sizeof(std::max_align_t) - 1) / sizeof(std::max_align_t) + 1) {}
-    void *get() { return storage.data(); }
-    std::vector<std::max_align_t> storage;
-};
-
 // Both ways for every message, from random records of the codec's tables. The codec's bytes parse
 // in protobuf to the same values and, in field-number order, protobuf writes them back byte for
 // byte; those bytes of protobuf's (its own order) decode to the same values, and re-encode to a

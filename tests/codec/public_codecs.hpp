@@ -3,7 +3,8 @@
 // runs against every exported kesh_tov_* entry point (whatever arguments the message drops).
 #pragma once
 
-#include <string_view>
+#include <cstddef>
+#include <vector>
 
 #include "codec/envelope_tables.hpp"
 #include "tov/codec.h"
@@ -36,10 +37,11 @@ struct PublicCodec {
 
 inline const PublicCodec kPublicCodecs[] = {TOV_MESSAGES(TOV_T_CODEC)};
 
-inline const PublicCodec &public_codec(std::string_view name) {
-    for (const auto &c : kPublicCodecs)
-        if (name == c.desc->name) return c;
-    return kPublicCodecs[0];
-}
+// Aligned storage for one record of any message.
+struct Record {
+    explicit Record(const detail::MessageDesc &d) : storage(d.size / sizeof(std::max_align_t) + 1) {}
+    void *get() { return storage.data(); }
+    std::vector<std::max_align_t> storage;
+};
 
 } // namespace tov::test

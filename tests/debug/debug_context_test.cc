@@ -150,16 +150,26 @@ struct LevelControl : ::testing::Test, tov::test::LoggedFramework {
     DebugContext subs[6] = {}; // subs[5] is QT
 };
 
-TEST_F(LevelControl, AllWalksTheComponentsInItsOrderWithOneLineEach) {
+// "all" walks the components in its order, one line each; clearing empties every ring and
+// reopens it; op_level_max follows the highest operation level, down as well as up.
+TEST_F(LevelControl, AllWalksInItsOrderClearTraceReopensEveryRingOpLevelMaxFollows) {
     fw.debug.level = TOV_LEVEL_NONE; // the change lines skip the filter
     ASSERT_EQ(tov_debug_logging_set_level(&fw, TOV_COMPONENT_ALL, 0, 0, TOV_LEVEL_DEBUG, 1), TOV_RC_OK);
     std::vector<std::string> expected;
     for (const char *name : {"TOV", "MAP", "ME", "QT", "BK", "MORVANTE", "VASKE"})
         expected.push_back(announce(std::string("DEBUG for ") + name + " general"));
     EXPECT_EQ(capture.take(), expected);
-    for (uint32_t id = TOV_COMPONENT_TOV; id <= TOV_COMPONENT_VASKE; ++id) EXPECT_EQ(component(id)->level, TOV_LEVEL_DEBUG);
     EXPECT_TRUE(matches(ring_texts(dir.file(kRing[2])).back(),
                         R"(DBG: tov_debug_logging_set_level:\d+ ctx=0x[0-9a-f]+,Log level set to DEBUG for VASKE general)"));
+    for (uint32_t id = TOV_COMPONENT_TOV; id <= TOV_COMPONENT_VASKE; ++id) {
+        EXPECT_EQ(component(id)->level, TOV_LEVEL_DEBUG);
+        EXPECT_EQ(trace_buffer_write(component(id)->trace_handle, 0, 0, "before clearing"), 0);
+    }
+    EXPECT_EQ(tov_clear_trace(&fw), TOV_RC_OK);
+    for (uint32_t id = TOV_COMPONENT_TOV; id <= TOV_COMPONENT_VASKE; ++id) {
+        EXPECT_TRUE(component(id)->trace_open && trace_buffer_write(component(id)->trace_handle, 0, 0, "after") == 0);
+        EXPECT_EQ(ring_texts(dir.file(kRing[id])), std::vector<std::string>{"after"}) << kRing[id];
+    }
 
     // Without announce nothing is written; a missing component is skipped in the walk, but named
     // alone it is an error about the logging-set operation.
@@ -171,37 +181,21 @@ TEST_F(LevelControl, AllWalksTheComponentsInItsOrderWithOneLineEach) {
     EXPECT_EQ(capture.take(), std::vector<std::string>{"ERR: TOV: ctx=" + ptr(&fw) +
                                                        ",ses=(nil),op=13,Cannot find specified debug component: QT."});
     EXPECT_EQ(subs[5].level, TOV_LEVEL_DEBUG);
-}
 
-// op_level_max follows the highest operation level, down as well as up; a level past TRACE has no
-// name, and an operation past the table is refused rather than written outside op_levels.
-TEST_F(LevelControl, OperationLevelsMoveOpLevelMaxUpAndDown) {
-    DebugContext *me = component(TOV_COMPONENT_ME);
+    // Per operation: a level past TRACE has no name, and an operation past the table is refused
+    // rather than written outside op_levels.
     const uint32_t steps[][3] = {{5, TOV_LEVEL_TRACE, TOV_LEVEL_TRACE}, // op, level, op_level_max after
                                  {7, TOV_LEVEL_WARNING, TOV_LEVEL_TRACE},
                                  {5, TOV_LEVEL_NONE, TOV_LEVEL_WARNING},
                                  {7, TOV_LEVEL_NONE, 0}};
     for (const auto &step : steps) {
         ASSERT_EQ(tov_debug_logging_set_level(&fw, TOV_COMPONENT_ME, 1, step[0], step[1], step[0] == 5), TOV_RC_OK);
-        EXPECT_EQ(me->op_level_max, step[2]);
+        EXPECT_EQ(component(TOV_COMPONENT_ME)->op_level_max, step[2]);
     }
     ASSERT_EQ(tov_debug_logging_set_level(&fw, TOV_COMPONENT_BK, 0, 0, 7, 1), TOV_RC_OK);
     EXPECT_EQ(capture.take(), (std::vector<std::string>{announce("TRACE for ME commit operation"),
                                                         announce("NONE for ME commit operation"), announce(" for BK general")}));
     EXPECT_EQ(tov_debug_logging_set_level(&fw, TOV_COMPONENT_ME, 1, 19, 1, 0), TOV_RC_BAD_ARGUMENT);
-}
-
-TEST_F(LevelControl, ClearTraceEmptiesEveryRingAndReopensIt) {
-    for (uint32_t id = TOV_COMPONENT_TOV; id <= TOV_COMPONENT_VASKE; ++id) {
-        trace_buffer_write(component(id)->trace_handle, 0, 0, "before clearing");
-        ASSERT_FALSE(ring_texts(dir.file(kRing[id])).empty());
-    }
-    EXPECT_EQ(tov_clear_trace(&fw), TOV_RC_OK);
-    for (uint32_t id = TOV_COMPONENT_TOV; id <= TOV_COMPONENT_VASKE; ++id) {
-        EXPECT_EQ(component(id)->trace_open, 1u);
-        EXPECT_EQ(trace_buffer_write(component(id)->trace_handle, 0, 0, "after"), 0);
-        EXPECT_EQ(ring_texts(dir.file(kRing[id])), std::vector<std::string>{"after"}) << kRing[id]; // emptied, reopened
-    }
 }
 
 } // namespace

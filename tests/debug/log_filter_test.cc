@@ -38,60 +38,53 @@ struct LogLines : ::testing::Test, tov::test::LoggedFramework {
 
 // Every combination of component level, operation level and op_level_max (fresh or stale) against
 // every message level, for lines about the raised operation 5, about operations 6 and 19 (not
-// raised, and past the table) and for plain lines.
-TEST_F(LogLines, FilterMatrixDecidesThePlatformLinesAndTheRingGetsEverything) {
+// raised, and past the table) and for plain lines; with each flag disabled in turn: a level's own
+// flag ("error" for ERR and WRN) or the component's top flag silences it, and the ring takes all.
+TEST_F(LogLines, FilterMatrixAndFlagsDecideThePlatformLinesAndTheRingGetsEverything) {
     const int session_marker = 0;
     const void *ses = &session_marker;
-    for (uint32_t component = 0; component <= 4; ++component) {
-        for (uint32_t op_level = 0; op_level <= 4; ++op_level) {
-            for (uint32_t op_max = 0; op_max <= 4; ++op_max) {
-                ctx.level = component;
-                ctx.op_levels[5] = op_level;
-                ctx.op_level_max = op_max;
-                std::vector<std::string> platform, ring;
-                auto expect = [&](bool admitted, const char *tag, const char *function, int line, const std::string &body) {
-                    if (admitted) platform.push_back(std::string(tag) + " TOV: ctx=" + ptr(&ctx) + "," + body);
-                    ring.push_back(std::string(tag) + " " + function + ":" + std::to_string(line) + " ctx=" + ptr(&ctx) + "," + body);
-                };
-                for (uint32_t level = 0; level <= 3; ++level) {
-                    const uint32_t needed = level + 1;
-                    const bool by_component = component >= needed;
-                    // A stale op_level_max below the threshold hides the operation's own level.
-                    const bool by_operation = op_level >= needed && !(op_max != 0 && op_max < needed);
-                    const std::string text = "filter " + std::to_string(level);
-                    for (uint32_t op : {5u, 6u, 19u}) {
-                        int line = emit(&ctx, level, ses, op);
-                        expect(by_component || (op == 5 && by_operation), kTags[level], "emit", line,
-                               "ses=" + ptr(ses) + ",op=" + std::to_string(op) + "," + text);
+    const kor_dt_flag_t flag_of[] = {ctx.error_flag, ctx.error_flag, ctx.debug_flag, ctx.trace_flag};
+    for (kor_dt_flag_t off : {kor_dt_flag_t{0}, ctx.error_flag, ctx.debug_flag, ctx.trace_flag, ctx.root_flag}) {
+        ASSERT_EQ(off ? kor_dt_flag_disable(off) : 0, 0);
+        for (uint32_t component = 0; component <= 4; ++component) {
+            for (uint32_t op_level = 0; op_level <= 4; ++op_level) {
+                for (uint32_t op_max = 0; op_max <= 4; ++op_max) {
+                    ctx.level = component;
+                    ctx.op_levels[5] = op_level;
+                    ctx.op_level_max = op_max;
+                    std::vector<std::string> platform, ring;
+                    auto expect = [&](bool admitted, uint32_t level, int line, const std::string &body) {
+                        const std::string tag = kTags[level];
+                        if (admitted && off != flag_of[level] && off != ctx.root_flag)
+                            platform.push_back(tag + " TOV: ctx=" + ptr(&ctx) + "," + body);
+                        ring.push_back(tag + " emit:" + std::to_string(line) + " ctx=" + ptr(&ctx) + "," + body);
+                    };
+                    for (uint32_t level = 0; level <= 3; ++level) {
+                        const uint32_t needed = level + 1;
+                        const bool by_component = component >= needed;
+                        // A stale op_level_max below the threshold hides the operation's own level.
+                        const bool by_operation = op_level >= needed && !(op_max != 0 && op_max < needed);
+                        const std::string text = "filter " + std::to_string(level);
+                        for (uint32_t op : {5u, 6u, 19u}) {
+                            int line = emit(&ctx, level, ses, op);
+                            expect(by_component || (op == 5 && by_operation), level, line,
+                                   "ses=" + ptr(ses) + ",op=" + std::to_string(op) + "," + text);
+                        }
+                        int line = emit(&ctx, level);
+                        expect(by_component, level, line, "plain " + std::to_string(level));
                     }
-                    int line = emit(&ctx, level);
-                    expect(by_component, kTags[level], "emit", line, "plain " + std::to_string(level));
+                    SCOPED_TRACE("flag off " + std::to_string(off) + ", component " + std::to_string(component) +
+                                 ", op level " + std::to_string(op_level) + ", op_level_max " + std::to_string(op_max));
+                    EXPECT_EQ(capture.take(), platform);
+                    EXPECT_EQ(tail->take(), ring);
                 }
-                SCOPED_TRACE("component " + std::to_string(component) + ", op level " +
-                             std::to_string(op_level) + ", op_level_max " + std::to_string(op_max));
-                EXPECT_EQ(capture.take(), platform);
-                EXPECT_EQ(tail->take(), ring);
             }
         }
+        ASSERT_EQ(off ? kor_dt_flag_enable(off, 0) : 0, 0);
     }
     // Message levels above trace have no threshold: never admitted, by either path.
     EXPECT_EQ(tov_debug_should_log(&ctx, 4), 0u);
     EXPECT_EQ(tov_debug_should_log_op(&ctx, 4, 5), 0u);
-}
-
-TEST_F(LogLines, EachLevelGoesThroughItsOwnFlag) {
-    ctx.level = TOV_LEVEL_TRACE;
-    ASSERT_EQ(kor_dt_flag_disable(ctx.debug_flag), 0);
-    for (unsigned level = 0; level <= 3; ++level) emit(&ctx, level);
-    auto lines = capture.take();
-    ASSERT_EQ(lines.size(), 3u); // ERR and WRN through "error", TRC through "trace"
-    EXPECT_EQ(lines[2].substr(0, 4), "TRC:");
-    ASSERT_EQ(kor_dt_flag_enable(ctx.debug_flag, 0), 0);
-    ASSERT_EQ(kor_dt_flag_disable(ctx.root_flag), 0); // the component's top flag silences all
-    for (unsigned level = 0; level <= 3; ++level) emit(&ctx, level);
-    EXPECT_TRUE(capture.take().empty());
-    EXPECT_EQ(tail->take().size(), 8u); // the ring is not filtered at all
-    ASSERT_EQ(kor_dt_flag_enable(ctx.root_flag, 0), 0);
 }
 
 TEST_F(LogLines, FrameworkContextAndArgumentsEvaluatedOnceOnlyWhenNeeded) {

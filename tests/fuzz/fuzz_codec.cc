@@ -18,6 +18,7 @@
 namespace {
 
 using tov::test::PublicCodec;
+using tov::test::Record;
 
 const PublicCodec *g_codec = nullptr;
 
@@ -49,12 +50,6 @@ public:
 private:
     std::unordered_set<void *> live_;
     uint32_t calls_ = 0, fail_at_ = 0;
-};
-
-struct Record {
-    explicit Record(uint32_t size) : storage(size / sizeof(std::max_align_t) + 1) {}
-    void *get() { return storage.data(); }
-    std::vector<std::max_align_t> storage;
 };
 
 std::vector<uint8_t> encode(const void *record) {
@@ -112,16 +107,15 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > UINT32_MAX) return 0;
     const uint32_t length = static_cast<uint32_t>(size);
-    const uint32_t record_size = g_codec->desc->size;
     Arena arena;
-    Record first(record_size);
+    Record first(*g_codec->desc);
     const int32_t rc = g_codec->decode(first.get(), data, length, Arena::alloc, arena.ctx());
     check(rc <= 0 && rc >= -4, "result code out of range");
     const uint32_t decode_calls = arena.calls();
     uint32_t copy_calls = 0;
     if (rc == 0) {
         const std::vector<uint8_t> bytes = encode(first.get());
-        Record copy(record_size), again(record_size);
+        Record copy(*g_codec->desc), again(*g_codec->desc);
         arena.fail_at(0);
         check(g_codec->duplicate(copy.get(), first.get(), Arena::alloc, arena.ctx()) == 0, "duplicate failed");
         copy_calls = arena.calls();
@@ -138,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (const bool copying : {false, true}) {
         const uint32_t calls = copying ? copy_calls : decode_calls;
         if (calls == 0) continue;
-        Record failed(record_size);
+        Record failed(*g_codec->desc);
         arena.fail_at(1 + static_cast<uint32_t>(size % calls));
         const int32_t failed_rc = copying ? g_codec->duplicate(failed.get(), first.get(), Arena::alloc, arena.ctx())
                                           : g_codec->decode(failed.get(), data, length, Arena::alloc, arena.ctx());

@@ -6,8 +6,6 @@
 #include <array>
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "support/alloc.hpp"
 
@@ -51,22 +49,6 @@ TEST(NamedAlloc, CountsLiveAndPeakPerLabelAndKeepsABlockItCannotGrow) {
     EXPECT_EQ(kor_named_calloc(SIZE_MAX / 2, 4, label, 0), nullptr);
     kor_named_stats unknown;
     EXPECT_EQ(kor_named_get_stats("test: never used", &unknown), -1);
-}
-
-TEST(NamedAlloc, AccountingHoldsAcrossThreads) {
-    const std::string name = fresh_label("test: threads");
-    const char *label = name.c_str();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([label] {
-            for (int i = 0; i < 2000; ++i) kor_named_free(kor_named_malloc(16, label, 0));
-        });
-    for (auto &t : threads) t.join();
-    EXPECT_EQ(stats(label).live_blocks, 0u);
-    EXPECT_EQ(stats(label).total_blocks, 8000u);
-    void *left = kor_named_malloc(3, label, 0);
-    EXPECT_GE(kor_named_report_live(nullptr), 1u);
-    kor_named_free(left);
 }
 
 } // namespace

@@ -41,18 +41,6 @@ TEST(StringLimit, OneUnderTheLimitIsWholeAndAtTheLimitIsRefused) {
     }
 }
 
-TEST(Strings, DocumentedEdgeCases) {
-    char *out = nullptr, blanks[] = "   ";
-    EXPECT_EQ(tov_strdup_concat("a", nullptr, kLabel, &out), 0u);
-    EXPECT_EQ(out, nullptr);
-    EXPECT_STREQ(str_rtrim(blanks), "");
-    EXPECT_EQ(tov_count_char_occurences("a,b", 0), 0u);
-    tov_tokenize_and_get_token("a,b,c", ",", 2, &out);
-    EXPECT_EQ(take(out), "c");
-    tov_tokenize_and_get_token("a,b,c", ",", 3, &out);
-    EXPECT_EQ(out, nullptr);
-}
-
 // dest ends at a page that cannot be read: a comparison that looked at dest[dmax] would crash.
 TEST(Strings, SafeStrcmpAnswersAsStrcmpSWithoutReadingPastTheBound) {
     const long page = sysconf(_SC_PAGESIZE);
@@ -80,7 +68,8 @@ TEST(Strings, SafeStrcmpAnswersAsStrcmpSWithoutReadingPastTheBound) {
     munmap(map, 2 * page);
 }
 
-TEST(Strings, EveryAllocationFailureIsReportedAndLeaksNothing) {
+// Every allocation failure is reported and leaks nothing; then the documented edge cases.
+TEST(Strings, AllocationFailuresAndEdgeCases) {
     const auto concat = []() -> int64_t {
         char *j = nullptr;
         const uint32_t rc = tov_strdup_concat("ab", "cd", kLabel, &j);
@@ -90,8 +79,8 @@ TEST(Strings, EveryAllocationFailureIsReportedAndLeaksNothing) {
     EXPECT_EQ(allocation_points({concat, 0, TOV_RC_NO_MEMORY}), 1u);
     EXPECT_EQ(allocation_points([] {
                   char *t = nullptr;
-                  tov_tokenize_and_get_token("x y z", " ", 1, &t);
-                  return take(t) == "y";
+                  tov_tokenize_and_get_token("x y z", " ", 2, &t);
+                  return take(t) == "z";
               }),
               2u);
     EXPECT_EQ(allocation_points([] { // five slots, then five more at a time: grown twice
@@ -107,6 +96,15 @@ TEST(Strings, EveryAllocationFailureIsReportedAndLeaksNothing) {
         EXPECT_EQ(allocation_points([&] { return take(str_replace_multi("abc", p.data(), pairs, kLabel)) == "aBc"; }),
                   pairs > 54 ? 2u : 1u);
     }
+    char blanks[] = "   ", *out = blanks; // a token past the last, a NULL part: NULL, and no failure
+    tov_tokenize_and_get_token("x y z", " ", 3, &out);
+    EXPECT_EQ(out, nullptr);
+    out = blanks;
+    EXPECT_EQ(tov_strdup_concat("a", nullptr, kLabel, &out), 0u);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_STREQ(str_rtrim(blanks), "");
+    EXPECT_EQ(tov_count_char_occurences("a,b", 0), 0u);
+    EXPECT_EQ(tov_string_hash_calc("foobar"), 0xbf9cf968u); // FNV-1a reference value
 }
 
 } // namespace
