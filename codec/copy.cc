@@ -24,12 +24,11 @@ char *copy_string(const char *s, const Output &out) {
     return copy;
 }
 
+// An array of count slots, filled whole by the caller's copy (so not zero-filled first).
 void *alloc_array(uint32_t count, size_t element_size, const Output &out) {
     const uint64_t bytes = uint64_t{count} * element_size;
     if (!out.alloc_fn || bytes > UINT32_MAX) return nullptr;
-    void *array = out.alloc_fn(static_cast<uint32_t>(bytes), out.alloc_ctx);
-    if (array) std::memset(array, 0, static_cast<size_t>(bytes));
-    return array;
+    return out.alloc_fn(static_cast<uint32_t>(bytes), out.alloc_ctx);
 }
 
 template <const MessageDesc &D> struct Copier {
@@ -84,7 +83,7 @@ template <const MessageDesc &D> struct Copier {
                 if (!(copy[i] = copy_string(items[i], out))) result = Status::no_memory;
             }
         } else if constexpr (f.kind == Kind::Message) {
-            if constexpr (f.sub->owns_memory) Copier<*f.sub>::run(out, dst + f.offset, src + f.offset, result);
+            if constexpr (f.sub->owns_memory) Copier<*f.sub>::inline_record(out, dst + f.offset, src + f.offset, result);
         } else if constexpr (f.kind == Kind::Messages && I != kSelf) {
             constexpr const MessageDesc &sub = *f.sub;
             uint8_t *copy = copy_array<I>(out, dst, src, result);
@@ -103,6 +102,15 @@ template <const MessageDesc &D> struct Copier {
         [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
             (field<From + I>(out, dst, src, result), ...);
         }(std::make_integer_sequence<unsigned, To - From>{});
+    }
+
+    // An inline record's members are copied in place (its rows are few and fixed), a tree's by its walk.
+    [[gnu::always_inline]] static void inline_record(const Output &out, uint8_t *dst, const uint8_t *src,
+                                                     Status &result) {
+        if constexpr (kSelf < D.field_count)
+            run(out, dst, src, result);
+        else
+            fields<0, D.field_count>(out, dst, src, result);
     }
 
     // The owned members of a record whose bytes are those of its source.

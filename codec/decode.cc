@@ -208,8 +208,10 @@ template <const MessageDesc &D> struct Decoder {
         } else if constexpr (f.kind == Kind::Strings) {
             if (load<void *>(record + f.offset)) return Status::malformed;
             if (!in.alloc_fn) return Status::no_memory;
-            if (Status s = decode_strings(f, record, buffer, pos, end, key, in.alloc_fn, in.alloc_ctx); s != Status::ok)
-                return s;
+            uint32_t at = pos;
+            const Status s = decode_strings(f, record, buffer, at, end, key, in.alloc_fn, in.alloc_ctx);
+            pos = at;
+            if (s != Status::ok) return s;
             set_bit<I>(record);
         }
         return Status::ok;
@@ -222,11 +224,16 @@ template <const MessageDesc &D> struct Decoder {
         const bool known = [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
             return ((key == D.fields[I].key && (s = field<I>(in, record, pos, end, key, run), true)) || ...);
         }(std::make_integer_sequence<unsigned, D.field_count>{});
-        return known ? s : other_key(D, in.buffer, pos, end, key);
+        if (known) return s;
+        uint32_t at = pos; // a copy, so that the hot position can stay in a register
+        s = other_key(D, in.buffer, at, end, key);
+        pos = at;
+        return s;
     }
 
     // Decodes the bytes [pos, end) into a record that has been reset.
-    [[gnu::noinline]] static Status run(const Input &in, uint8_t *record, uint32_t pos, uint32_t end) {
+    [[gnu::noinline]] static Status run(const Input &input, uint8_t *record, uint32_t pos, uint32_t end) {
+        const Input in = input; // a local copy: no callback can change it, so it stays in registers
         if constexpr (kSelf < D.field_count) {
             return tree(in, record, pos, end);
         } else {

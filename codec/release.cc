@@ -38,7 +38,7 @@ template <const MessageDesc &D> struct Releaser {
             r.free_fn(items, r.free_ctx);
             forget_array<I>(record);
         } else if constexpr (f.kind == Kind::Message) {
-            if constexpr (f.sub->owns_memory) Releaser<*f.sub>::run(r, record + f.offset);
+            if constexpr (f.sub->owns_memory) Releaser<*f.sub>::inline_record(r, record + f.offset);
         } else if constexpr (f.kind == Kind::Messages && I != kSelf) {
             constexpr const MessageDesc &sub = *f.sub;
             auto *elements = load<uint8_t *>(record + f.offset);
@@ -56,6 +56,14 @@ template <const MessageDesc &D> struct Releaser {
         [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
             (field<From + I>(r, record), ...);
         }(std::make_integer_sequence<unsigned, To - From>{});
+    }
+
+    // An inline record's members are released in place (its rows are few and fixed), a tree's by its walk.
+    [[gnu::always_inline]] static void inline_record(const Release &r, uint8_t *record) {
+        if constexpr (kSelf < D.field_count)
+            run(r, record);
+        else
+            fields<0, D.field_count>(r, record);
     }
 
     [[gnu::noinline]] static void run(const Release &r, uint8_t *record) {
