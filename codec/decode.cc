@@ -51,7 +51,7 @@ Status skip_field(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t w
 
 // Counts the run of consecutive elements of one repeated field, starting at the length of the
 // first element (its key already read). Each element's length is checked against the end.
-Status count_run(const uint8_t *buffer, uint32_t pos, uint32_t end, uint32_t key, uint32_t &count) {
+[[gnu::always_inline]] inline Status count_run(const uint8_t *buffer, uint32_t pos, uint32_t end, uint32_t key, uint32_t &count) {
     count = 0;
     for (;;) {
         uint32_t n;
