@@ -165,7 +165,7 @@ template <const MessageDesc &D> struct Copier {
 } // namespace
 
 template <const MessageDesc &D>
-Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
+[[gnu::noinline]] Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
     if (!destination || !source || destination == source || D.size == 0) return Status::ok;
     std::memcpy(destination, source, D.size);
     Status result = Status::ok;
@@ -181,10 +181,17 @@ TOV_MESSAGES(TOV_INSTANTIATE_)
 
 Status duplicate(const MessageDesc &desc, void *destination, const void *source, tov_alloc_fn alloc_fn,
                  uintptr_t alloc_ctx) {
-#define TOV_DISPATCH_(m, T, ...)                                                                       \
-    if (&desc == &k##T) return duplicate_message<k##T>(destination, source, alloc_fn, alloc_ctx);
-    TOV_MESSAGES(TOV_DISPATCH_)
-#undef TOV_DISPATCH_
+    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
+    static constexpr struct {
+        const MessageDesc *desc;
+        decltype(&duplicate_message<kRequest>) walk;
+    } kWalks[] = {
+#define TOV_WALK_(m, T, ...) {&k##T, &duplicate_message<k##T>},
+        TOV_MESSAGES(TOV_WALK_)
+#undef TOV_WALK_
+    };
+    for (const auto &w : kWalks)
+        if (w.desc == &desc) return w.walk(destination, source, alloc_fn, alloc_ctx);
     return Status::ok; // not a table of the codec
 }
 

@@ -300,7 +300,7 @@ template <const MessageDesc &D> struct Decoder {
 } // namespace
 
 template <const MessageDesc &D>
-Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
+[[gnu::noinline]] Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
                       uintptr_t alloc_ctx) {
     reset(D, record);
     if (length == 0) return Status::ok;
@@ -315,10 +315,17 @@ TOV_MESSAGES(TOV_INSTANTIATE_)
 
 Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
               uintptr_t alloc_ctx) {
-#define TOV_DISPATCH_(m, T, ...)                                                                       \
-    if (&desc == &k##T) return decode_message<k##T>(record, buffer, length, alloc_fn, alloc_ctx);
-    TOV_MESSAGES(TOV_DISPATCH_)
-#undef TOV_DISPATCH_
+    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
+    static constexpr struct {
+        const MessageDesc *desc;
+        decltype(&decode_message<kRequest>) walk;
+    } kWalks[] = {
+#define TOV_WALK_(m, T, ...) {&k##T, &decode_message<k##T>},
+        TOV_MESSAGES(TOV_WALK_)
+#undef TOV_WALK_
+    };
+    for (const auto &w : kWalks)
+        if (w.desc == &desc) return w.walk(record, buffer, length, alloc_fn, alloc_ctx);
     return Status::malformed; // not a table of the codec
 }
 

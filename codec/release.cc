@@ -117,7 +117,7 @@ template <const MessageDesc &D> struct Releaser {
 
 } // namespace
 
-template <const MessageDesc &D> void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx) {
+template <const MessageDesc &D> [[gnu::noinline]] void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx) {
     if constexpr (D.owns_memory)
         if (record && free_fn) Releaser<D>::run(Release{free_fn, free_ctx}, static_cast<uint8_t *>(record));
 }
@@ -127,10 +127,17 @@ TOV_MESSAGES(TOV_INSTANTIATE_)
 #undef TOV_INSTANTIATE_
 
 void release(const MessageDesc &desc, void *record, tov_free_fn free_fn, uintptr_t free_ctx) {
-#define TOV_DISPATCH_(m, T, ...)                                                                       \
-    if (&desc == &k##T) return release_message<k##T>(record, free_fn, free_ctx);
-    TOV_MESSAGES(TOV_DISPATCH_)
-#undef TOV_DISPATCH_
+    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
+    static constexpr struct {
+        const MessageDesc *desc;
+        decltype(&release_message<kRequest>) walk;
+    } kWalks[] = {
+#define TOV_WALK_(m, T, ...) {&k##T, &release_message<k##T>},
+        TOV_MESSAGES(TOV_WALK_)
+#undef TOV_WALK_
+    };
+    for (const auto &w : kWalks)
+        if (w.desc == &desc) return w.walk(record, free_fn, free_ctx);
 }
 
 } // namespace tov::detail

@@ -30,17 +30,11 @@ template <class T> [[gnu::noinline]] uint32_t read_varint_long(const uint8_t *bu
     value = v;
     return pos;
 }
-// Varints of one and two bytes (keys, most lengths and values) are read inline; longer ones out
-// of line.
+// One-byte varints (keys, most lengths and values) are read inline; longer ones out of line.
 template <class T> [[gnu::always_inline]] inline bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32_t end,
                                                                   T &value) {
     if (pos < end && buffer[pos] < 0x80) [[likely]] {
         value = buffer[pos++];
-        return true;
-    }
-    if (pos < end && end - pos >= 2 && buffer[pos + 1] < 0x80) {
-        value = static_cast<T>((buffer[pos] & 0x7fu) | uint32_t{buffer[pos + 1]} << 7);
-        pos += 2;
         return true;
     }
     const uint32_t next = read_varint_long(buffer, pos, end, value);
