@@ -31,6 +31,9 @@ namespace {
 inline bool read_length(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &n) {
     return read_varint32(buffer, pos, end, n) && n <= end - pos;
 }
+inline bool read_message_length(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &n) {
+    return read_size(buffer, pos, end, n) && n <= end - pos;
+}
 
 // Skips an unknown field. Skips of fixed and length-delimited fields are not checked against the
 // end: one that runs past it simply ends the message (deliberately lenient).
@@ -55,7 +58,7 @@ Status skip_field(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t w
     count = 0;
     for (;;) {
         uint32_t n;
-        if (!read_length(buffer, pos, end, n)) return Status::malformed;
+        if (!read_message_length(buffer, pos, end, n)) return Status::malformed;
         pos += n;
         ++count;
         if (pos >= end) return Status::ok;
@@ -85,7 +88,7 @@ Status decode_strings(const FieldDesc &f, uint8_t *record, const uint8_t *buffer
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t n = 0;
         if (i > 0) (void)read_varint32(buffer, pos, end, n); // the key, checked by count_run
-        (void)read_varint32(buffer, pos, end, n);
+        (void)read_size(buffer, pos, end, n);
         char *s = static_cast<char *>(alloc_fn(n + 1, alloc_ctx));
         if (!s) return Status::no_memory;
         std::memcpy(s, buffer + pos, n);
@@ -163,7 +166,7 @@ template <const MessageDesc &D> struct Decoder {
         } else if constexpr (f.kind == Kind::Message || f.kind == Kind::Flag) {
             constexpr const MessageDesc &sub = *f.sub;
             uint32_t n;
-            if (!read_length(buffer, pos, end, n)) return Status::malformed;
+            if (!read_message_length(buffer, pos, end, n)) return Status::malformed;
             // A second occurrence decodes into the same record again; its reset drops (does not
             // free) what the first one allocated.
             uint8_t *child = nullptr;
@@ -187,7 +190,7 @@ template <const MessageDesc &D> struct Decoder {
             store<void *>(record + f.offset, elements);
             store<uint32_t>(record + f.count_offset, count);
             if constexpr (I == kSelf) {
-                (void)read_varint32(buffer, pos, end, run.first_length); // checked by count_run
+                (void)read_size(buffer, pos, end, run.first_length); // checked by count_run
                 run.elements = elements;
                 run.count = count;
                 return kDescend;
@@ -196,7 +199,7 @@ template <const MessageDesc &D> struct Decoder {
                     // Each element's key and length were checked by count_run.
                     uint32_t n = 0;
                     if (i > 0) (void)read_varint32(buffer, pos, end, n);
-                    (void)read_varint32(buffer, pos, end, n);
+                    (void)read_size(buffer, pos, end, n);
                     uint8_t *element = elements + size_t{i} * sub.size;
                     if constexpr (sub.has_defaults) apply_defaults(sub, element);
                     const uint32_t at = pos;
@@ -280,7 +283,7 @@ template <const MessageDesc &D> struct Decoder {
             if (++parent.index < parent.count) {
                 uint32_t n = 0; // the element's key and length were checked by count_run
                 (void)read_varint32(in.buffer, parent.pos, parent.end, n);
-                (void)read_varint32(in.buffer, parent.pos, parent.end, n);
+                (void)read_size(in.buffer, parent.pos, parent.end, n);
                 record = parent.elements + size_t{parent.index} * D.size;
                 if constexpr (D.has_defaults) apply_defaults(D, record);
                 pos = parent.pos;

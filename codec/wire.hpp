@@ -42,6 +42,22 @@ template <class T> [[gnu::always_inline]] inline bool read_varint(const uint8_t 
     pos = next;
     return true;
 }
+// The length of a nested message often takes two bytes: those are read inline too.
+[[gnu::always_inline]] inline bool read_size(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &value) {
+    if (pos < end && buffer[pos] < 0x80) [[likely]] {
+        value = buffer[pos++];
+        return true;
+    }
+    if (pos < end && end - pos >= 2 && buffer[pos + 1] < 0x80) {
+        value = (buffer[pos] & 0x7fu) | uint32_t{buffer[pos + 1]} << 7;
+        pos += 2;
+        return true;
+    }
+    const uint32_t next = read_varint_long(buffer, pos, end, value);
+    if (next == 0) return false;
+    pos = next;
+    return true;
+}
 [[gnu::always_inline]] inline bool read_varint32(const uint8_t *b, uint32_t &pos, uint32_t end, uint32_t &v) {
     return read_varint(b, pos, end, v);
 }
