@@ -16,7 +16,7 @@ struct Output {
     uintptr_t alloc_ctx;
 };
 
-char *copy_string(const char *s, const Output &out) {
+[[gnu::always_inline]] inline char *copy_string(const char *s, const Output &out) {
     const size_t n = std::strlen(s);
     if (!out.alloc_fn || n >= UINT32_MAX) return nullptr;
     char *copy = static_cast<char *>(out.alloc_fn(static_cast<uint32_t>(n + 1), out.alloc_ctx));
@@ -25,6 +25,9 @@ char *copy_string(const char *s, const Output &out) {
 }
 
 // An array of count slots, filled whole by the caller's copy (so not zero-filled first).
+// The same, out of line: the copy that records other than a tree's nodes share.
+[[gnu::noinline]] char *copy_string_call(const char *s, const Output &out) { return copy_string(s, out); }
+
 void *alloc_array(uint32_t count, size_t element_size, const Output &out) {
     const uint64_t bytes = uint64_t{count} * element_size;
     if (!out.alloc_fn || bytes > UINT32_MAX) return nullptr;
@@ -33,6 +36,7 @@ void *alloc_array(uint32_t count, size_t element_size, const Output &out) {
 
 template <const MessageDesc &D> struct Copier {
     static constexpr unsigned kSelf = self_field(D);
+    static constexpr bool kHot = in_tree(D, kAllMessages);
 
     // Absent (and left absent): the member's copy could not be had.
     template <unsigned I> static void fail(uint8_t *dst, Status &result) {
@@ -69,7 +73,9 @@ template <const MessageDesc &D> struct Copier {
         if constexpr (f.kind == Kind::String) {
             const char *from = load<const char *>(src + f.offset);
             if (!from) return;
-            if (char *copy = copy_string(from, out))
+            // Inline in a tree's walk, where nearly every string is; one shared copy elsewhere.
+            char *copy = kHot ? copy_string(from, out) : copy_string_call(from, out);
+            if (copy)
                 store<char *>(dst + f.offset, copy);
             else
                 fail<I>(dst, result);
@@ -80,7 +86,7 @@ template <const MessageDesc &D> struct Copier {
             for (uint32_t i = 0, n = load<uint32_t>(dst + f.count_offset); i < n; ++i) {
                 copy[i] = nullptr;
                 if (!items[i]) continue; // a NULL element stays NULL
-                if (!(copy[i] = copy_string(items[i], out))) result = Status::no_memory;
+                if (!(copy[i] = copy_string_call(items[i], out))) result = Status::no_memory;
             }
         } else if constexpr (f.kind == Kind::Message) {
             if constexpr (f.sub->owns_memory) Copier<*f.sub>::inline_record(out, dst + f.offset, src + f.offset, result);

@@ -122,10 +122,83 @@ struct Run {
     return skip_field(buffer, pos, end, key & 7u);
 }
 
+using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t end);
+
+// A singular string into its member.
+[[gnu::always_inline]] inline Status string_field(const Input &in, uint8_t *member, uint32_t &pos, uint32_t end) {
+    // A singular string may occur once: stricter than last-one-wins, deliberately.
+    if (load<char *>(member)) return Status::malformed;
+    if (!in.alloc_fn) return Status::no_memory;
+    uint32_t n;
+    if (!read_length(in.buffer, pos, end, n)) return Status::malformed;
+    // n < length here (the key took at least one byte), so n + 1 cannot wrap.
+    char *s = static_cast<char *>(in.alloc_fn(n + 1, in.alloc_ctx));
+    if (!s) return Status::no_memory;
+    std::memcpy(s, in.buffer + pos, n);
+    s[n] = '\0';
+    store<char *>(member, s);
+    pos += n;
+    return Status::ok;
+}
+// The same, out of line: a tree's walk, where nearly every string is, has its own copies inline;
+// every other table shares this one.
+[[gnu::noinline]] Status string_field_call(const Input &in, uint8_t *member, uint32_t &pos, uint32_t end) {
+    return string_field(in, member, pos, end);
+}
+
+// The start of a run of elements (its key read): the array, sized by counting the run, zero-filled
+// and stored with its count.
+[[gnu::always_inline]] inline Status start_run(const Input &in, uint8_t *member, uint8_t *count_member, size_t size,
+                                               uint32_t pos, uint32_t end, uint32_t key, uint8_t *&elements) {
+    // Elements must stand together: a second run of the same field is refused.
+    if (load<void *>(member)) return Status::malformed;
+    if (!in.alloc_fn) return Status::no_memory;
+    uint32_t count;
+    if (Status s = count_run(in.buffer, pos, end, key, count); s != Status::ok) return s;
+    elements = static_cast<uint8_t *>(alloc_array(count, size, in.alloc_fn, in.alloc_ctx));
+    if (!elements) return Status::no_memory;
+    store<void *>(member, elements);
+    store<uint32_t>(count_member, count);
+    return Status::ok;
+}
+
+// A run of another message's elements, each decoded by that message's walk. Each element's key
+// and length were checked by count_run.
+[[gnu::noinline]] Status run_of(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *member,
+                                uint8_t *count_member, uint32_t &pos, uint32_t end, uint32_t key) {
+    uint8_t *elements;
+    if (Status s = start_run(in, member, count_member, sub.size, pos, end, key, elements); s != Status::ok) return s;
+    for (uint32_t i = 0, count = load<uint32_t>(count_member); i < count; ++i) {
+        uint32_t n = 0;
+        if (i > 0) (void)read_varint32(in.buffer, pos, end, n);
+        (void)read_size(in.buffer, pos, end, n);
+        uint8_t *element = elements + size_t{i} * sub.size;
+        if (sub.has_defaults) apply_defaults(sub, element);
+        const uint32_t at = pos;
+        pos += n;
+        if (Status s = walk(in, element, at, at + n); s != Status::ok) return s;
+    }
+    return Status::ok;
+}
+
+// An embedded message (record nullptr for a payload flag): its length, then its walk over exactly
+// those bytes. A second occurrence decodes into the same record again; its reset drops (does not
+// free) what the first one allocated. Out of line: one copy serves every row of every table.
+[[gnu::noinline]] Status embedded(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *record, uint32_t &pos,
+                                  uint32_t end) {
+    uint32_t n;
+    if (!read_message_length(in.buffer, pos, end, n)) return Status::malformed;
+    reset(sub, record);
+    const uint32_t at = pos;
+    pos += n;
+    return walk(in, record, at, at + n);
+}
+
 // The decoder of one message, generated from its table: one branch per row, compared against the
 // row's whole key (number and wire type at once), with the row's kind, member and bit as constants.
 template <const MessageDesc &D> struct Decoder {
     static constexpr unsigned kSelf = self_field(D);
+    static constexpr bool kHot = in_tree(D, kAllMessages);
 
     template <unsigned I> static void set_bit(uint8_t *record) {
         record[D.present_offset + I / 8] |= static_cast<uint8_t>(1u << (I % 8));
@@ -150,64 +223,53 @@ template <const MessageDesc &D> struct Decoder {
             store<uint64_t>(record + f.offset, v);
             set_bit<I>(record);
         } else if constexpr (f.kind == Kind::String) {
-            // A singular string may occur once: stricter than last-one-wins, deliberately.
-            if (load<char *>(record + f.offset)) return Status::malformed;
-            if (!in.alloc_fn) return Status::no_memory;
-            uint32_t n;
-            if (!read_length(buffer, pos, end, n)) return Status::malformed;
-            // n < length here (the key took at least one byte), so n + 1 cannot wrap.
-            char *s = static_cast<char *>(in.alloc_fn(n + 1, in.alloc_ctx));
-            if (!s) return Status::no_memory;
-            std::memcpy(s, buffer + pos, n);
-            s[n] = '\0';
-            store<char *>(record + f.offset, s);
-            set_bit<I>(record);
-            pos += n;
-        } else if constexpr (f.kind == Kind::Message || f.kind == Kind::Flag) {
-            constexpr const MessageDesc &sub = *f.sub;
-            uint32_t n;
-            if (!read_message_length(buffer, pos, end, n)) return Status::malformed;
-            // A second occurrence decodes into the same record again; its reset drops (does not
-            // free) what the first one allocated.
-            uint8_t *child = nullptr;
-            if constexpr (f.kind == Kind::Message) {
-                child = record + f.offset;
-                reset(sub, child);
+            Status s;
+            if constexpr (kHot) {
+                s = string_field(in, record + f.offset, pos, end);
+            } else {
+                uint32_t at = pos;
+                s = string_field_call(in, record + f.offset, at, end);
+                pos = at;
             }
-            const uint32_t at = pos;
-            pos += n;
-            if (Status s = Decoder<*f.sub>::run(in, child, at, at + n); s != Status::ok) return s;
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Message || f.kind == Kind::Flag) {
+            uint32_t at = pos;
+            const Status s = embedded(in, *f.sub, &Decoder<*f.sub>::run,
+                                      f.kind == Kind::Message ? record + f.offset : nullptr, at, end);
+            pos = at;
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Messages && I == kSelf) {
+            if (Status s = start_run(in, record + f.offset, record + f.count_offset, D.size, pos, end, key, run.elements);
+                s != Status::ok)
+                return s;
+            run.count = load<uint32_t>(record + f.count_offset);
+            (void)read_size(buffer, pos, end, run.first_length); // checked by count_run
+            return kDescend;
+        } else if constexpr (f.kind == Kind::Messages && kHot) {
+            uint8_t *elements;
+            if (Status s = start_run(in, record + f.offset, record + f.count_offset, f.sub->size, pos, end, key, elements);
+                s != Status::ok)
+                return s;
+            for (uint32_t i = 0, count = load<uint32_t>(record + f.count_offset); i < count; ++i) {
+                uint32_t n = 0; // each element's key and length were checked by count_run
+                if (i > 0) (void)read_varint32(buffer, pos, end, n);
+                (void)read_size(buffer, pos, end, n);
+                uint8_t *element = elements + size_t{i} * f.sub->size;
+                if constexpr (f.sub->has_defaults) apply_defaults(*f.sub, element);
+                const uint32_t at = pos;
+                pos += n;
+                if (Status s = Decoder<*f.sub>::run(in, element, at, at + n); s != Status::ok) return s;
+            }
             set_bit<I>(record);
         } else if constexpr (f.kind == Kind::Messages) {
-            constexpr const MessageDesc &sub = sub_of(D, f);
-            // Elements must stand together: a second run of the same field is refused.
-            if (load<void *>(record + f.offset)) return Status::malformed;
-            if (!in.alloc_fn) return Status::no_memory;
-            uint32_t count;
-            if (Status s = count_run(buffer, pos, end, key, count); s != Status::ok) return s;
-            auto *elements = static_cast<uint8_t *>(alloc_array(count, sub.size, in.alloc_fn, in.alloc_ctx));
-            if (!elements) return Status::no_memory;
-            store<void *>(record + f.offset, elements);
-            store<uint32_t>(record + f.count_offset, count);
-            if constexpr (I == kSelf) {
-                (void)read_size(buffer, pos, end, run.first_length); // checked by count_run
-                run.elements = elements;
-                run.count = count;
-                return kDescend;
-            } else {
-                for (uint32_t i = 0; i < count; ++i) {
-                    // Each element's key and length were checked by count_run.
-                    uint32_t n = 0;
-                    if (i > 0) (void)read_varint32(buffer, pos, end, n);
-                    (void)read_size(buffer, pos, end, n);
-                    uint8_t *element = elements + size_t{i} * sub.size;
-                    if constexpr (sub.has_defaults) apply_defaults(sub, element);
-                    const uint32_t at = pos;
-                    pos += n;
-                    if (Status s = Decoder<sub_of(D, f)>::run(in, element, at, at + n); s != Status::ok) return s;
-                }
-                set_bit<I>(record);
-            }
+            uint32_t at = pos;
+            const Status s = run_of(in, *f.sub, &Decoder<*f.sub>::run, record + f.offset, record + f.count_offset, at,
+                                    end, key);
+            pos = at;
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
         } else if constexpr (f.kind == Kind::Strings) {
             if (load<void *>(record + f.offset)) return Status::malformed;
             if (!in.alloc_fn) return Status::no_memory;
