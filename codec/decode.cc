@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Decoding: one cursor per message being read, on an explicit stack; a nested message (inline,
-// element of a run, or payload flag) is entered by pushing a cursor over exactly its bytes.
+// Decoding, generated per message from its table: one branch per row, taken on the row's whole key.
+// Nesting that the tables bound (inline records, runs of another message, payload flags) is a
+// call into the nested message's walk over exactly its bytes; only a message that repeats itself
+// (a data tree's children) keeps an explicit stack, of ancestors, so a tree's depth costs no C stack.
 #include <utility>
 
 #include "codec/engine.hpp"
@@ -54,7 +56,8 @@ Status skip_field(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t w
 
 // Counts the run of consecutive elements of one repeated field, starting at the length of the
 // first element (its key already read). Each element's length is checked against the end.
-[[gnu::always_inline]] inline Status count_run(const uint8_t *buffer, uint32_t pos, uint32_t end, uint32_t key, uint32_t &count) {
+[[gnu::always_inline]] inline Status count_run(const uint8_t *buffer, uint32_t pos, uint32_t end, uint32_t key,
+                                               uint32_t &count) {
     count = 0;
     for (;;) {
         uint32_t n;
@@ -366,7 +369,7 @@ template <const MessageDesc &D> struct Decoder {
 
 template <const MessageDesc &D>
 [[gnu::noinline]] Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
-                      uintptr_t alloc_ctx) {
+                                        uintptr_t alloc_ctx) {
     reset(D, record);
     if (length == 0) return Status::ok;
     if (!buffer) return Status::malformed;
