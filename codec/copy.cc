@@ -48,7 +48,8 @@ template <const MessageDesc &D> struct Copier {
     }
 
     // The array of a run, copied whole; nullptr when there is none (or it could not be had).
-    template <unsigned I> static uint8_t *copy_array(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+    template <unsigned I>
+    static uint8_t *copy_array(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
         constexpr const FieldDesc &f = D.fields[I];
         constexpr size_t size = f.kind == Kind::Strings ? sizeof(char *) : sub_of(D, f).size;
         const void *from = load<const void *>(src + f.offset);
@@ -68,7 +69,8 @@ template <const MessageDesc &D> struct Copier {
     }
 
     template <unsigned I>
-    [[gnu::always_inline]] static void field(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+    [[gnu::always_inline]] static void field(const Output &out, uint8_t *dst, const uint8_t *src,
+                                             Status &result) {
         constexpr const FieldDesc &f = D.fields[I];
         if constexpr (f.kind == Kind::String) {
             const char *from = load<const char *>(src + f.offset);
@@ -89,7 +91,8 @@ template <const MessageDesc &D> struct Copier {
                 if (!(copy[i] = copy_string_call(items[i], out))) result = Status::no_memory;
             }
         } else if constexpr (f.kind == Kind::Message) {
-            if constexpr (f.sub->owns_memory) Copier<*f.sub>::inline_record(out, dst + f.offset, src + f.offset, result);
+            if constexpr (f.sub->owns_memory)
+                Copier<*f.sub>::inline_record(out, dst + f.offset, src + f.offset, result);
         } else if constexpr (f.kind == Kind::Messages && I != kSelf) {
             constexpr const MessageDesc &sub = *f.sub;
             uint8_t *copy = copy_array<I>(out, dst, src, result);
@@ -104,7 +107,8 @@ template <const MessageDesc &D> struct Copier {
 
     // The rows [From, To).
     template <unsigned From, unsigned To>
-    [[gnu::always_inline]] static void fields(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+    [[gnu::always_inline]] static void fields(const Output &out, uint8_t *dst, const uint8_t *src,
+                                              Status &result) {
         [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
             (field<From + I>(out, dst, src, result), ...);
         }(std::make_integer_sequence<unsigned, To - From>{});
@@ -171,7 +175,8 @@ template <const MessageDesc &D> struct Copier {
 } // namespace
 
 template <const MessageDesc &D>
-[[gnu::noinline]] Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
+[[gnu::noinline]] Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn,
+                                           uintptr_t alloc_ctx) {
     if (!destination || !source || destination == source || D.size == 0) return Status::ok;
     std::memcpy(destination, source, D.size);
     Status result = Status::ok;
@@ -181,7 +186,8 @@ template <const MessageDesc &D>
     return result;
 }
 
-#define TOV_INSTANTIATE_(m, T, ...) template Status duplicate_message<k##T>(void *, const void *, tov_alloc_fn, uintptr_t);
+#define TOV_INSTANTIATE_(m, T, ...)                                                                    \
+    template Status duplicate_message<k##T>(void *, const void *, tov_alloc_fn, uintptr_t);
 TOV_MESSAGES(TOV_INSTANTIATE_)
 #undef TOV_INSTANTIATE_
 

@@ -128,7 +128,8 @@ struct Run {
 using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t end);
 
 // A singular string into its member.
-[[gnu::always_inline]] inline Status string_field(const Input &in, uint8_t *member, uint32_t &pos, uint32_t end) {
+[[gnu::always_inline]] inline Status string_field(const Input &in, uint8_t *member, uint32_t &pos,
+                                                  uint32_t end) {
     // A singular string may occur once: stricter than last-one-wins, deliberately.
     if (load<char *>(member)) return Status::malformed;
     if (!in.alloc_fn) return Status::no_memory;
@@ -151,8 +152,9 @@ using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t e
 
 // The start of a run of elements (its key read): the array, sized by counting the run, zero-filled
 // and stored with its count.
-[[gnu::always_inline]] inline Status start_run(const Input &in, uint8_t *member, uint8_t *count_member, size_t size,
-                                               uint32_t pos, uint32_t end, uint32_t key, uint8_t *&elements) {
+[[gnu::always_inline]] inline Status start_run(const Input &in, uint8_t *member, uint8_t *count_member,
+                                               size_t size, uint32_t pos, uint32_t end, uint32_t key,
+                                               uint8_t *&elements) {
     // Elements must stand together: a second run of the same field is refused.
     if (load<void *>(member)) return Status::malformed;
     if (!in.alloc_fn) return Status::no_memory;
@@ -170,7 +172,8 @@ using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t e
 [[gnu::noinline]] Status run_of(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *member,
                                 uint8_t *count_member, uint32_t &pos, uint32_t end, uint32_t key) {
     uint8_t *elements;
-    if (Status s = start_run(in, member, count_member, sub.size, pos, end, key, elements); s != Status::ok) return s;
+    if (Status s = start_run(in, member, count_member, sub.size, pos, end, key, elements); s != Status::ok)
+        return s;
     for (uint32_t i = 0, count = load<uint32_t>(count_member); i < count; ++i) {
         uint32_t n = 0;
         if (i > 0) (void)read_varint32(in.buffer, pos, end, n);
@@ -187,8 +190,8 @@ using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t e
 // An embedded message (record nullptr for a payload flag): its length, then its walk over exactly
 // those bytes. A second occurrence decodes into the same record again; its reset drops (does not
 // free) what the first one allocated. Out of line: one copy serves every row of every table.
-[[gnu::noinline]] Status embedded(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *record, uint32_t &pos,
-                                  uint32_t end) {
+[[gnu::noinline]] Status embedded(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *record,
+                                  uint32_t &pos, uint32_t end) {
     uint32_t n;
     if (!read_message_length(in.buffer, pos, end, n)) return Status::malformed;
     reset(sub, record);
@@ -244,7 +247,8 @@ template <const MessageDesc &D> struct Decoder {
             if (s != Status::ok) return s;
             set_bit<I>(record);
         } else if constexpr (f.kind == Kind::Messages && I == kSelf) {
-            if (Status s = start_run(in, record + f.offset, record + f.count_offset, D.size, pos, end, key, run.elements);
+            if (Status s = start_run(in, record + f.offset, record + f.count_offset, D.size, pos, end, key,
+                                     run.elements);
                 s != Status::ok)
                 return s;
             run.count = load<uint32_t>(record + f.count_offset);
@@ -252,7 +256,8 @@ template <const MessageDesc &D> struct Decoder {
             return kDescend;
         } else if constexpr (f.kind == Kind::Messages && kHot) {
             uint8_t *elements;
-            if (Status s = start_run(in, record + f.offset, record + f.count_offset, f.sub->size, pos, end, key, elements);
+            if (Status s = start_run(in, record + f.offset, record + f.count_offset, f.sub->size, pos, end, key,
+                                     elements);
                 s != Status::ok)
                 return s;
             for (uint32_t i = 0, count = load<uint32_t>(record + f.count_offset); i < count; ++i) {
@@ -268,8 +273,8 @@ template <const MessageDesc &D> struct Decoder {
             set_bit<I>(record);
         } else if constexpr (f.kind == Kind::Messages) {
             uint32_t at = pos;
-            const Status s = run_of(in, *f.sub, &Decoder<*f.sub>::run, record + f.offset, record + f.count_offset, at,
-                                    end, key);
+            const Status s =
+                run_of(in, *f.sub, &Decoder<*f.sub>::run, record + f.offset, record + f.count_offset, at, end, key);
             pos = at;
             if (s != Status::ok) return s;
             set_bit<I>(record);
@@ -368,8 +373,8 @@ template <const MessageDesc &D> struct Decoder {
 } // namespace
 
 template <const MessageDesc &D>
-[[gnu::noinline]] Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
-                                        uintptr_t alloc_ctx) {
+[[gnu::noinline]] Status decode_message(void *record, const uint8_t *buffer, uint32_t length,
+                                        tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
     reset(D, record);
     if (length == 0) return Status::ok;
     if (!buffer) return Status::malformed;
@@ -381,8 +386,8 @@ template <const MessageDesc &D>
 TOV_MESSAGES(TOV_INSTANTIATE_)
 #undef TOV_INSTANTIATE_
 
-Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
-              uintptr_t alloc_ctx) {
+Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length,
+              tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
     // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
     static constexpr struct {
         const MessageDesc *desc;

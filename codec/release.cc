@@ -52,7 +52,8 @@ template <const MessageDesc &D> struct Releaser {
     }
 
     // The rows [From, To).
-    template <unsigned From, unsigned To> [[gnu::always_inline]] static void fields(const Release &r, uint8_t *record) {
+    template <unsigned From, unsigned To>
+    [[gnu::always_inline]] static void fields(const Release &r, uint8_t *record) {
         [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
             (field<From + I>(r, record), ...);
         }(std::make_integer_sequence<unsigned, To - From>{});
@@ -117,7 +118,8 @@ template <const MessageDesc &D> struct Releaser {
 
 } // namespace
 
-template <const MessageDesc &D> [[gnu::noinline]] void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx) {
+template <const MessageDesc &D>
+[[gnu::noinline]] void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx) {
     if constexpr (D.owns_memory)
         if (record && free_fn) Releaser<D>::run(Release{free_fn, free_ctx}, static_cast<uint8_t *>(record));
 }

@@ -12,7 +12,8 @@ namespace tov::detail {
 // Returns the position behind the varint, or 0 when the buffer ends first (a varint takes at least
 // one byte, so 0 is never a position behind one). The position goes in and out by value, so that
 // the caller's copy can stay in a register.
-template <class T> [[gnu::noinline]] uint32_t read_varint_long(const uint8_t *buffer, uint32_t pos, uint32_t end, T &value) {
+template <class T>
+[[gnu::noinline]] uint32_t read_varint_long(const uint8_t *buffer, uint32_t pos, uint32_t end, T &value) {
     T v = 0;
     for (unsigned shift = 0; shift < 8 * sizeof(T) + 7 - (8 * sizeof(T)) % 7; shift += 7) {
         if (pos >= end) return 0;
@@ -31,8 +32,8 @@ template <class T> [[gnu::noinline]] uint32_t read_varint_long(const uint8_t *bu
     return pos;
 }
 // One-byte varints (keys, most lengths and values) are read inline; longer ones out of line.
-template <class T> [[gnu::always_inline]] inline bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32_t end,
-                                                                  T &value) {
+template <class T>
+[[gnu::always_inline]] inline bool read_varint(const uint8_t *buffer, uint32_t &pos, uint32_t end, T &value) {
     if (pos < end && buffer[pos] < 0x80) [[likely]] {
         value = buffer[pos++];
         return true;
@@ -43,7 +44,8 @@ template <class T> [[gnu::always_inline]] inline bool read_varint(const uint8_t 
     return true;
 }
 // The length of a nested message often takes two bytes: those are read inline too.
-[[gnu::always_inline]] inline bool read_size(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &value) {
+[[gnu::always_inline]] inline bool read_size(const uint8_t *buffer, uint32_t &pos, uint32_t end,
+                                              uint32_t &value) {
     if (pos < end && buffer[pos] < 0x80) [[likely]] {
         value = buffer[pos++];
         return true;
