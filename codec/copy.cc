@@ -1,122 +1,210 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Duplicating: the record is copied whole, then each owned member of its flat list (its own and
-// those of its inline records, in record order) gets a copy of its own. A failed allocation leaves
-// that member absent, sets the result to -4, and the copy goes on.
+// Duplicating: the record is copied whole, then each member that owns memory gets a copy of its
+// own, in record order, by code generated per message from its table: inline records that own
+// nothing cost nothing. A failed allocation leaves that member absent, sets the result to -4, and
+// the copy goes on.
+#include <utility>
+
 #include "codec/engine.hpp"
+#include "codec/envelope_tables.hpp"
 
 namespace tov::detail {
 namespace {
 
-struct CopyFrame {
-    const MessageDesc *desc;
-    uint8_t *dst;
-    const uint8_t *src;
-    uint32_t index; // next element of the run being copied
-    uint8_t slot;   // next owned member
+struct Output {
+    tov_alloc_fn alloc_fn;
+    uintptr_t alloc_ctx;
 };
 
-char *copy_string(const char *s, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
+[[gnu::always_inline]] inline char *copy_string(const char *s, const Output &out) {
     const size_t n = std::strlen(s);
-    if (!alloc_fn || n >= UINT32_MAX) return nullptr;
-    char *copy = static_cast<char *>(alloc_fn(static_cast<uint32_t>(n + 1), alloc_ctx));
+    if (!out.alloc_fn || n >= UINT32_MAX) return nullptr;
+    char *copy = static_cast<char *>(out.alloc_fn(static_cast<uint32_t>(n + 1), out.alloc_ctx));
     if (copy) std::memcpy(copy, s, n + 1);
     return copy;
 }
 
-void *alloc_array(uint32_t count, size_t element_size, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
+// An array of count slots, filled whole by the caller's copy (so not zero-filled first).
+// The same, out of line: the copy that records other than a tree's nodes share.
+[[gnu::noinline]] char *copy_string_call(const char *s, const Output &out) { return copy_string(s, out); }
+
+void *alloc_array(uint32_t count, size_t element_size, const Output &out) {
     const uint64_t bytes = uint64_t{count} * element_size;
-    if (!alloc_fn || bytes > UINT32_MAX) return nullptr;
-    void *array = alloc_fn(static_cast<uint32_t>(bytes), alloc_ctx);
-    if (array) std::memset(array, 0, static_cast<size_t>(bytes));
-    return array;
+    if (!out.alloc_fn || bytes > UINT32_MAX) return nullptr;
+    return out.alloc_fn(static_cast<uint32_t>(bytes), out.alloc_ctx);
 }
+
+template <const MessageDesc &D> struct Copier {
+    static constexpr unsigned kSelf = self_field(D);
+    static constexpr bool kHot = in_tree(D, kAllMessages);
+
+    // Absent (and left absent): the member's copy could not be had.
+    template <unsigned I> static void fail(uint8_t *dst, Status &result) {
+        constexpr const FieldDesc &f = D.fields[I];
+        store<void *>(dst + f.offset, nullptr);
+        if constexpr (f.kind != Kind::String) store<uint32_t>(dst + f.count_offset, 0);
+        dst[D.present_offset + I / 8] &= static_cast<uint8_t>(~(1u << (I % 8)));
+        result = Status::no_memory;
+    }
+
+    // The array of a run, copied whole; nullptr when there is none (or it could not be had).
+    template <unsigned I>
+    static uint8_t *copy_array(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+        constexpr const FieldDesc &f = D.fields[I];
+        constexpr size_t size = f.kind == Kind::Strings ? sizeof(char *) : sub_of(D, f).size;
+        const void *from = load<const void *>(src + f.offset);
+        const uint32_t count = load<uint32_t>(src + f.count_offset);
+        store<void *>(dst + f.offset, nullptr);
+        store<uint32_t>(dst + f.count_offset, 0);
+        if (!from || count == 0) return nullptr; // pointer and count 0, the bit as copied
+        auto *copy = static_cast<uint8_t *>(alloc_array(count, size, out));
+        if (!copy) {
+            fail<I>(dst, result);
+            return nullptr;
+        }
+        std::memcpy(copy, from, size_t{count} * size);
+        store<uint8_t *>(dst + f.offset, copy);
+        store<uint32_t>(dst + f.count_offset, count);
+        return copy;
+    }
+
+    template <unsigned I>
+    [[gnu::always_inline]] static void field(const Output &out, uint8_t *dst, const uint8_t *src,
+                                             Status &result) {
+        constexpr const FieldDesc &f = D.fields[I];
+        if constexpr (f.kind == Kind::String) {
+            const char *from = load<const char *>(src + f.offset);
+            if (!from) return;
+            // Inline in a tree's walk, where nearly every string is; one shared copy elsewhere.
+            char *copy = kHot ? copy_string(from, out) : copy_string_call(from, out);
+            if (copy)
+                store<char *>(dst + f.offset, copy);
+            else
+                fail<I>(dst, result);
+        } else if constexpr (f.kind == Kind::Strings) {
+            auto *const *items = load<char *const *>(src + f.offset);
+            auto **copy = reinterpret_cast<char **>(copy_array<I>(out, dst, src, result));
+            if (!copy) return;
+            for (uint32_t i = 0, n = load<uint32_t>(dst + f.count_offset); i < n; ++i) {
+                copy[i] = nullptr;
+                if (!items[i]) continue; // a NULL element stays NULL
+                if (!(copy[i] = copy_string_call(items[i], out))) result = Status::no_memory;
+            }
+        } else if constexpr (f.kind == Kind::Message) {
+            if constexpr (f.sub->owns_memory)
+                Copier<*f.sub>::inline_record(out, dst + f.offset, src + f.offset, result);
+        } else if constexpr (f.kind == Kind::Messages && I != kSelf) {
+            constexpr const MessageDesc &sub = *f.sub;
+            uint8_t *copy = copy_array<I>(out, dst, src, result);
+            if constexpr (sub.owns_memory) {
+                if (!copy) return;
+                const uint8_t *from = load<const uint8_t *>(src + f.offset);
+                for (uint32_t i = 0, n = load<uint32_t>(dst + f.count_offset); i < n; ++i)
+                    Copier<*f.sub>::run(out, copy + size_t{i} * sub.size, from + size_t{i} * sub.size, result);
+            }
+        }
+    }
+
+    // The rows [From, To).
+    template <unsigned From, unsigned To>
+    [[gnu::always_inline]] static void fields(const Output &out, uint8_t *dst, const uint8_t *src,
+                                              Status &result) {
+        [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
+            (field<From + I>(out, dst, src, result), ...);
+        }(std::make_integer_sequence<unsigned, To - From>{});
+    }
+
+    // An inline record's members are copied in place (its rows are few and fixed), a tree's by its walk.
+    [[gnu::always_inline]] static void inline_record(const Output &out, uint8_t *dst, const uint8_t *src,
+                                                     Status &result) {
+        if constexpr (kSelf < D.field_count)
+            run(out, dst, src, result);
+        else
+            fields<0, D.field_count>(out, dst, src, result);
+    }
+
+    // The owned members of a record whose bytes are those of its source.
+    [[gnu::noinline]] static void run(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+        if constexpr (kSelf < D.field_count)
+            tree(out, dst, src, result);
+        else
+            fields<0, D.field_count>(out, dst, src, result);
+    }
+
+    // A message that repeats itself: the rows before its own run, then the run's elements (depth
+    // first), then the rows after it. The stack holds the ancestors, each in the middle of its run.
+    static void tree(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+        constexpr const FieldDesc &self = D.fields[kSelf];
+        struct Frame {
+            uint8_t *dst;
+            const uint8_t *src;
+            uint32_t index; // next element of the run
+            uint32_t count;
+        };
+        CodecStack<Frame> stack;
+        for (;;) {
+            fields<0, kSelf>(out, dst, src, result);
+            if (uint8_t *copy = copy_array<kSelf>(out, dst, src, result)) {
+                const uint32_t count = load<uint32_t>(dst + self.count_offset);
+                if (stack.push(Frame{dst, src, 1, count})) {
+                    dst = copy;
+                    src = load<const uint8_t *>(src + self.offset);
+                    continue;
+                }
+                std::memset(copy, 0, size_t{count} * D.size); // no working memory for this deep a tree
+                result = Status::no_memory;
+            }
+            fields<kSelf + 1, D.field_count>(out, dst, src, result);
+            // Up to the next element of an ancestor's run, finishing each ancestor whose run is done.
+            for (;;) {
+                if (stack.empty()) return;
+                Frame &parent = stack.top();
+                if (parent.index < parent.count) {
+                    const size_t at = size_t{parent.index++} * D.size;
+                    dst = load<uint8_t *>(parent.dst + self.offset) + at;
+                    src = load<const uint8_t *>(parent.src + self.offset) + at;
+                    break;
+                }
+                fields<kSelf + 1, D.field_count>(out, parent.dst, parent.src, result);
+                stack.pop();
+            }
+        }
+    }
+};
 
 } // namespace
 
-Status duplicate(const MessageDesc &root, void *destination, const void *source, tov_alloc_fn alloc_fn,
-                 uintptr_t alloc_ctx) {
-    if (!destination || !source || destination == source || root.size == 0) return Status::ok;
+template <const MessageDesc &D>
+[[gnu::noinline]] Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn,
+                                           uintptr_t alloc_ctx) {
+    if (!destination || !source || destination == source || D.size == 0) return Status::ok;
+    std::memcpy(destination, source, D.size);
     Status result = Status::ok;
-    std::memcpy(destination, source, root.size);
-    if (!root.owns_memory) return result;
+    if constexpr (D.owns_memory)
+        Copier<D>::run(Output{alloc_fn, alloc_ctx}, static_cast<uint8_t *>(destination),
+                       static_cast<const uint8_t *>(source), result);
+    return result;
+}
 
-    CodecStack<CopyFrame> stack;
-    (void)stack.push(CopyFrame{&root, static_cast<uint8_t *>(destination), static_cast<const uint8_t *>(source), 0, 0});
-    for (;;) {
-    resume:
-        CopyFrame &f = stack.top();
-        const MessageDesc &d = *f.desc;
-        uint8_t *dst = f.dst;
-        const uint8_t *src = f.src;
-        for (unsigned slot = f.slot; slot < d.owned_count; ++slot) {
-            const OwnedSlot &o = d.owned[slot];
-            // Absent (and left absent) unless its copy below succeeds.
-            auto fail = [&] {
-                store<void *>(dst + o.offset, nullptr);
-                if (o.kind != Kind::String) store<uint32_t>(dst + o.count_offset, 0);
-                dst[o.present_at] &= static_cast<uint8_t>(~o.bit_mask);
-                result = Status::no_memory;
-            };
-            const void *from = load<const void *>(src + o.offset);
-            if (o.kind == Kind::String) {
-                if (!from) continue;
-                char *copy = copy_string(static_cast<const char *>(from), alloc_fn, alloc_ctx);
-                if (copy)
-                    store<char *>(dst + o.offset, copy);
-                else
-                    fail();
-                continue;
-            }
-            const uint32_t count = load<uint32_t>(src + o.count_offset);
-            if (o.kind == Kind::Strings) {
-                store<void *>(dst + o.offset, nullptr);
-                store<uint32_t>(dst + o.count_offset, 0);
-                if (!from || count == 0) continue; // pointer and count 0, the bit as copied
-                auto *const *items = static_cast<char *const *>(from);
-                auto **copy = static_cast<char **>(alloc_array(count, sizeof(char *), alloc_fn, alloc_ctx));
-                if (!copy) {
-                    fail();
-                    continue;
-                }
-                store<char **>(dst + o.offset, copy);
-                store<uint32_t>(dst + o.count_offset, count);
-                for (uint32_t i = 0; i < count; ++i) {
-                    if (!items[i]) continue; // a NULL element stays NULL
-                    if (!(copy[i] = copy_string(items[i], alloc_fn, alloc_ctx))) result = Status::no_memory;
-                }
-                continue;
-            }
-            // A run of records: the array is copied whole, then each element's own members.
-            const MessageDesc &sub = o.sub ? *o.sub : d;
-            if (f.index == 0) {
-                store<void *>(dst + o.offset, nullptr);
-                store<uint32_t>(dst + o.count_offset, 0);
-                if (!from || count == 0) continue;
-                auto *copy = static_cast<uint8_t *>(alloc_array(count, sub.size, alloc_fn, alloc_ctx));
-                if (!copy) {
-                    fail();
-                    continue;
-                }
-                std::memcpy(copy, from, size_t{count} * sub.size);
-                store<uint8_t *>(dst + o.offset, copy);
-                store<uint32_t>(dst + o.count_offset, count);
-                if (!sub.owns_memory) continue;
-            }
-            if (f.index < count) {
-                const size_t at = size_t{f.index++} * sub.size;
-                uint8_t *element = load<uint8_t *>(dst + o.offset) + at;
-                f.slot = static_cast<uint8_t>(slot); // before the push, which may move the frames
-                if (stack.push(CopyFrame{&sub, element, static_cast<const uint8_t *>(from) + at, 0, 0})) goto resume;
-                std::memset(element, 0, sub.size); // no working memory for this deep a tree
-                result = Status::no_memory;
-                --slot; // the next element of the same run
-                continue;
-            }
-            f.index = 0;
-        }
-        stack.pop();
-        if (stack.empty()) return result;
-    }
+#define TOV_INSTANTIATE_(m, T, ...)                                                                    \
+    template Status duplicate_message<k##T>(void *, const void *, tov_alloc_fn, uintptr_t);
+TOV_MESSAGES(TOV_INSTANTIATE_)
+#undef TOV_INSTANTIATE_
+
+Status duplicate(const MessageDesc &desc, void *destination, const void *source, tov_alloc_fn alloc_fn,
+                 uintptr_t alloc_ctx) {
+    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
+    static constexpr struct {
+        const MessageDesc *desc;
+        decltype(&duplicate_message<kRequest>) walk;
+    } kWalks[] = {
+#define TOV_WALK_(m, T, ...) {&k##T, &duplicate_message<k##T>},
+        TOV_MESSAGES(TOV_WALK_)
+#undef TOV_WALK_
+    };
+    for (const auto &w : kWalks)
+        if (w.desc == &desc) return w.walk(destination, source, alloc_fn, alloc_ctx);
+    return Status::ok; // not a table of the codec
 }
 
 } // namespace tov::detail

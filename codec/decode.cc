@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
-// Decoding: one cursor per message being read, on an explicit stack; a nested message (inline,
-// element of a run, or payload flag) is entered by pushing a cursor over exactly its bytes.
+// Decoding, generated per message from its table: one branch per row, taken on the row's whole key.
+// Nesting that the tables bound (inline records, runs of another message, payload flags) is a
+// call into the nested message's walk over exactly its bytes; only a message that repeats itself
+// (a data tree's children) keeps an explicit stack, of ancestors, so a tree's depth costs no C stack.
+#include <utility>
+
 #include "codec/engine.hpp"
+#include "codec/envelope_tables.hpp"
 #include "codec/wire.hpp"
 
 namespace tov::detail {
@@ -24,13 +29,12 @@ void apply_defaults(const MessageDesc &d, uint8_t *record) {
 
 namespace {
 
-inline void set_bit(const MessageDesc &d, uint8_t *record, unsigned i) {
-    if (record) record[d.present_offset + (i >> 3)] |= static_cast<uint8_t>(1u << (i & 7u));
-}
-
 // Reads a length and checks it against the end of the message: -1 when it runs past it.
 inline bool read_length(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &n) {
     return read_varint32(buffer, pos, end, n) && n <= end - pos;
+}
+inline bool read_message_length(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t &n) {
+    return read_size(buffer, pos, end, n) && n <= end - pos;
 }
 
 // Skips an unknown field. Skips of fixed and length-delimited fields are not checked against the
@@ -52,11 +56,12 @@ Status skip_field(const uint8_t *buffer, uint32_t &pos, uint32_t end, uint32_t w
 
 // Counts the run of consecutive elements of one repeated field, starting at the length of the
 // first element (its key already read). Each element's length is checked against the end.
-Status count_run(const uint8_t *buffer, uint32_t pos, uint32_t end, uint32_t key, uint32_t &count) {
+[[gnu::always_inline]] inline Status count_run(const uint8_t *buffer, uint32_t pos, uint32_t end, uint32_t key,
+                                               uint32_t &count) {
     count = 0;
     for (;;) {
         uint32_t n;
-        if (!read_length(buffer, pos, end, n)) return Status::malformed;
+        if (!read_message_length(buffer, pos, end, n)) return Status::malformed;
         pos += n;
         ++count;
         if (pos >= end) return Status::ok;
@@ -86,7 +91,7 @@ Status decode_strings(const FieldDesc &f, uint8_t *record, const uint8_t *buffer
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t n = 0;
         if (i > 0) (void)read_varint32(buffer, pos, end, n); // the key, checked by count_run
-        (void)read_varint32(buffer, pos, end, n);
+        (void)read_size(buffer, pos, end, n);
         char *s = static_cast<char *>(alloc_fn(n + 1, alloc_ctx));
         if (!s) return Status::no_memory;
         std::memcpy(s, buffer + pos, n);
@@ -97,145 +102,304 @@ Status decode_strings(const FieldDesc &f, uint8_t *record, const uint8_t *buffer
     return Status::ok;
 }
 
-struct Cursor {
-    const MessageDesc *desc;
-    uint8_t *record; // nullptr for a message without storage (a payload flag)
-    uint32_t pos;
-    uint32_t end;
-    uint8_t *elements; // the run of a repeated field being decoded
-    uint32_t index;
+struct Input {
+    const uint8_t *buffer;
+    tov_alloc_fn alloc_fn;
+    uintptr_t alloc_ctx;
+};
+
+// A field's outcome when it begins a run of the record's own message (a data tree's children):
+// not a failure, but a sign to the tree walk that the first element's bytes start at the position.
+constexpr Status kDescend = static_cast<Status>(1);
+struct Run {
+    uint8_t *elements;
     uint32_t count;
-    uint8_t field; // the field whose nested message is being decoded
+    uint32_t first_length;
+};
+
+// A key that matches no row exactly: a known field with the wrong wire type, or an unknown field.
+[[gnu::noinline]] Status other_key(const MessageDesc &d, const uint8_t *buffer, uint32_t &pos, uint32_t end,
+                                   uint32_t key) {
+    const uint32_t number = key >> 3;
+    if (number <= kMaxFieldNumber && d.lookup[number] != kUnknownField) return Status::wrong_wire_type;
+    return skip_field(buffer, pos, end, key & 7u);
+}
+
+using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t end);
+
+// A singular string into its member.
+[[gnu::always_inline]] inline Status string_field(const Input &in, uint8_t *member, uint32_t &pos,
+                                                  uint32_t end) {
+    // A singular string may occur once: stricter than last-one-wins, deliberately.
+    if (load<char *>(member)) return Status::malformed;
+    if (!in.alloc_fn) return Status::no_memory;
+    uint32_t n;
+    if (!read_length(in.buffer, pos, end, n)) return Status::malformed;
+    // n < length here (the key took at least one byte), so n + 1 cannot wrap.
+    char *s = static_cast<char *>(in.alloc_fn(n + 1, in.alloc_ctx));
+    if (!s) return Status::no_memory;
+    std::memcpy(s, in.buffer + pos, n);
+    s[n] = '\0';
+    store<char *>(member, s);
+    pos += n;
+    return Status::ok;
+}
+// The same, out of line: a tree's walk, where nearly every string is, has its own copies inline;
+// every other table shares this one.
+[[gnu::noinline]] Status string_field_call(const Input &in, uint8_t *member, uint32_t &pos, uint32_t end) {
+    return string_field(in, member, pos, end);
+}
+
+// The start of a run of elements (its key read): the array, sized by counting the run, zero-filled
+// and stored with its count.
+[[gnu::always_inline]] inline Status start_run(const Input &in, uint8_t *member, uint8_t *count_member,
+                                               size_t size, uint32_t pos, uint32_t end, uint32_t key,
+                                               uint8_t *&elements) {
+    // Elements must stand together: a second run of the same field is refused.
+    if (load<void *>(member)) return Status::malformed;
+    if (!in.alloc_fn) return Status::no_memory;
+    uint32_t count;
+    if (Status s = count_run(in.buffer, pos, end, key, count); s != Status::ok) return s;
+    elements = static_cast<uint8_t *>(alloc_array(count, size, in.alloc_fn, in.alloc_ctx));
+    if (!elements) return Status::no_memory;
+    store<void *>(member, elements);
+    store<uint32_t>(count_member, count);
+    return Status::ok;
+}
+
+// A run of another message's elements, each decoded by that message's walk. Each element's key
+// and length were checked by count_run.
+[[gnu::noinline]] Status run_of(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *member,
+                                uint8_t *count_member, uint32_t &pos, uint32_t end, uint32_t key) {
+    uint8_t *elements;
+    if (Status s = start_run(in, member, count_member, sub.size, pos, end, key, elements); s != Status::ok)
+        return s;
+    for (uint32_t i = 0, count = load<uint32_t>(count_member); i < count; ++i) {
+        uint32_t n = 0;
+        if (i > 0) (void)read_varint32(in.buffer, pos, end, n);
+        (void)read_size(in.buffer, pos, end, n);
+        uint8_t *element = elements + size_t{i} * sub.size;
+        if (sub.has_defaults) apply_defaults(sub, element);
+        const uint32_t at = pos;
+        pos += n;
+        if (Status s = walk(in, element, at, at + n); s != Status::ok) return s;
+    }
+    return Status::ok;
+}
+
+// An embedded message (record nullptr for a payload flag): its length, then its walk over exactly
+// those bytes. A second occurrence decodes into the same record again; its reset drops (does not
+// free) what the first one allocated. Out of line: one copy serves every row of every table.
+[[gnu::noinline]] Status embedded(const Input &in, const MessageDesc &sub, Walk walk, uint8_t *record,
+                                  uint32_t &pos, uint32_t end) {
+    uint32_t n;
+    if (!read_message_length(in.buffer, pos, end, n)) return Status::malformed;
+    reset(sub, record);
+    const uint32_t at = pos;
+    pos += n;
+    return walk(in, record, at, at + n);
+}
+
+// The decoder of one message, generated from its table: one branch per row, compared against the
+// row's whole key (number and wire type at once), with the row's kind, member and bit as constants.
+template <const MessageDesc &D> struct Decoder {
+    static constexpr unsigned kSelf = self_field(D);
+    static constexpr bool kHot = in_tree(D, kAllMessages);
+
+    template <unsigned I> static void set_bit(uint8_t *record) {
+        record[D.present_offset + I / 8] |= static_cast<uint8_t>(1u << (I % 8));
+    }
+
+    template <unsigned I>
+    [[gnu::always_inline]] static Status field(const Input &in, uint8_t *record, uint32_t &pos, uint32_t end,
+                                               uint32_t key, Run &run) {
+        constexpr const FieldDesc &f = D.fields[I];
+        const uint8_t *buffer = in.buffer;
+        if constexpr (f.kind == Kind::Varint32 || f.kind == Kind::Bool) {
+            uint32_t v;
+            if (!read_varint32(buffer, pos, end, v)) return Status::malformed;
+            if constexpr (f.kind == Kind::Bool)
+                store<uint8_t>(record + f.offset, v != 0);
+            else
+                store<uint32_t>(record + f.offset, v);
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Varint64) {
+            uint64_t v;
+            if (!read_varint64(buffer, pos, end, v)) return Status::malformed;
+            store<uint64_t>(record + f.offset, v);
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::String) {
+            Status s;
+            if constexpr (kHot) {
+                s = string_field(in, record + f.offset, pos, end);
+            } else {
+                uint32_t at = pos;
+                s = string_field_call(in, record + f.offset, at, end);
+                pos = at;
+            }
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Message || f.kind == Kind::Flag) {
+            uint32_t at = pos;
+            const Status s = embedded(in, *f.sub, &Decoder<*f.sub>::run,
+                                      f.kind == Kind::Message ? record + f.offset : nullptr, at, end);
+            pos = at;
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Messages && I == kSelf) {
+            if (Status s = start_run(in, record + f.offset, record + f.count_offset, D.size, pos, end, key,
+                                     run.elements);
+                s != Status::ok)
+                return s;
+            run.count = load<uint32_t>(record + f.count_offset);
+            (void)read_size(buffer, pos, end, run.first_length); // checked by count_run
+            return kDescend;
+        } else if constexpr (f.kind == Kind::Messages && kHot) {
+            uint8_t *elements;
+            if (Status s = start_run(in, record + f.offset, record + f.count_offset, f.sub->size, pos, end, key,
+                                     elements);
+                s != Status::ok)
+                return s;
+            for (uint32_t i = 0, count = load<uint32_t>(record + f.count_offset); i < count; ++i) {
+                uint32_t n = 0; // each element's key and length were checked by count_run
+                if (i > 0) (void)read_varint32(buffer, pos, end, n);
+                (void)read_size(buffer, pos, end, n);
+                uint8_t *element = elements + size_t{i} * f.sub->size;
+                if constexpr (f.sub->has_defaults) apply_defaults(*f.sub, element);
+                const uint32_t at = pos;
+                pos += n;
+                if (Status s = Decoder<*f.sub>::run(in, element, at, at + n); s != Status::ok) return s;
+            }
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Messages) {
+            uint32_t at = pos;
+            const Status s =
+                run_of(in, *f.sub, &Decoder<*f.sub>::run, record + f.offset, record + f.count_offset, at, end, key);
+            pos = at;
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
+        } else if constexpr (f.kind == Kind::Strings) {
+            if (load<void *>(record + f.offset)) return Status::malformed;
+            if (!in.alloc_fn) return Status::no_memory;
+            uint32_t at = pos;
+            const Status s = decode_strings(f, record, buffer, at, end, key, in.alloc_fn, in.alloc_ctx);
+            pos = at;
+            if (s != Status::ok) return s;
+            set_bit<I>(record);
+        }
+        return Status::ok;
+    }
+
+    // One field whose key has been read.
+    [[gnu::always_inline]] static Status dispatch(const Input &in, uint8_t *record, uint32_t &pos, uint32_t end,
+                                                  uint32_t key, Run &run) {
+        Status s = Status::ok;
+        const bool known = [&]<unsigned... I>(std::integer_sequence<unsigned, I...>) {
+            return ((key == D.fields[I].key && (s = field<I>(in, record, pos, end, key, run), true)) || ...);
+        }(std::make_integer_sequence<unsigned, D.field_count>{});
+        if (known) return s;
+        uint32_t at = pos; // a copy, so that the hot position can stay in a register
+        s = other_key(D, in.buffer, at, end, key);
+        pos = at;
+        return s;
+    }
+
+    // Decodes the bytes [pos, end) into a record that has been reset.
+    [[gnu::noinline]] static Status run(const Input &input, uint8_t *record, uint32_t pos, uint32_t end) {
+        const Input in = input; // a local copy: no callback can change it, so it stays in registers
+        if constexpr (kSelf < D.field_count) {
+            return tree(in, record, pos, end);
+        } else {
+            Run unused;
+            while (pos < end) {
+                uint32_t key;
+                if (!read_varint32(in.buffer, pos, end, key)) return Status::malformed;
+                if (Status s = dispatch(in, record, pos, end, key, unused); s != Status::ok) return s;
+            }
+            return Status::ok;
+        }
+    }
+
+    // A message that repeats itself: the record being read stays in registers, and the stack holds
+    // its ancestors, each with the run of its own kind that it is in the middle of.
+    static Status tree(const Input &in, uint8_t *record, uint32_t pos, uint32_t end) {
+        struct Frame {
+            uint8_t *record;
+            uint8_t *elements;
+            uint32_t pos; // behind the element being read
+            uint32_t end;
+            uint32_t index;
+            uint32_t count;
+        };
+        CodecStack<Frame> stack;
+        for (;;) {
+            while (pos < end) {
+                uint32_t key;
+                if (!read_varint32(in.buffer, pos, end, key)) return Status::malformed;
+                Run run;
+                const Status s = dispatch(in, record, pos, end, key, run);
+                if (s == Status::ok) continue;
+                if (s != kDescend) return s;
+                if constexpr (D.has_defaults) apply_defaults(D, run.elements);
+                if (!stack.push(Frame{record, run.elements, pos + run.first_length, end, 0, run.count}))
+                    return Status::no_memory;
+                record = run.elements;
+                end = pos + run.first_length;
+            }
+            // This record is complete: on to the next element of its parent's run, or back to the
+            // parent itself once the run is done.
+            if (stack.empty()) return Status::ok;
+            Frame &parent = stack.top();
+            if (++parent.index < parent.count) {
+                uint32_t n = 0; // the element's key and length were checked by count_run
+                (void)read_varint32(in.buffer, parent.pos, parent.end, n);
+                (void)read_size(in.buffer, parent.pos, parent.end, n);
+                record = parent.elements + size_t{parent.index} * D.size;
+                if constexpr (D.has_defaults) apply_defaults(D, record);
+                pos = parent.pos;
+                end = pos + n;
+                parent.pos = end;
+                continue;
+            }
+            set_bit<kSelf>(parent.record);
+            record = parent.record;
+            pos = parent.pos;
+            end = parent.end;
+            stack.pop();
+        }
+    }
 };
 
 } // namespace
 
-Status decode(const MessageDesc &root, void *root_record, const uint8_t *buffer, uint32_t length,
-              tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
-    reset(root, root_record);
+template <const MessageDesc &D>
+[[gnu::noinline]] Status decode_message(void *record, const uint8_t *buffer, uint32_t length,
+                                        tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
+    reset(D, record);
     if (length == 0) return Status::ok;
     if (!buffer) return Status::malformed;
+    return Decoder<D>::run(Input{buffer, alloc_fn, alloc_ctx}, static_cast<uint8_t *>(record), 0, length);
+}
 
-    CodecStack<Cursor> stack;
-    // Enters a nested message of n bytes at the parent's position (which then moves past it).
-    auto enter = [&](Cursor &parent, const MessageDesc &sub, uint8_t *record, uint32_t n) {
-        const uint32_t at = parent.pos;
-        parent.pos += n;
-        return stack.push(Cursor{&sub, record, at, at + n, nullptr, 0, 0, 0});
+#define TOV_INSTANTIATE_(m, T, ...)                                                                    \
+    template Status decode_message<k##T>(void *, const uint8_t *, uint32_t, tov_alloc_fn, uintptr_t);
+TOV_MESSAGES(TOV_INSTANTIATE_)
+#undef TOV_INSTANTIATE_
+
+Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length,
+              tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
+    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
+    static constexpr struct {
+        const MessageDesc *desc;
+        decltype(&decode_message<kRequest>) walk;
+    } kWalks[] = {
+#define TOV_WALK_(m, T, ...) {&k##T, &decode_message<k##T>},
+        TOV_MESSAGES(TOV_WALK_)
+#undef TOV_WALK_
     };
-    (void)stack.push(Cursor{&root, static_cast<uint8_t *>(root_record), 0, length, nullptr, 0, 0, 0});
-    for (;;) {
-        Cursor &f = stack.top();
-        if (f.pos >= f.end) {
-            stack.pop();
-            if (stack.empty()) return Status::ok;
-            Cursor &p = stack.top();
-            const FieldDesc &pf = p.desc->fields[p.field];
-            if (pf.kind == Kind::Messages && ++p.index < p.count) {
-                // The next element of the run; its key and length were checked by count_run.
-                uint32_t key = 0, n = 0;
-                (void)read_varint32(buffer, p.pos, p.end, key);
-                (void)read_varint32(buffer, p.pos, p.end, n);
-                const MessageDesc &sub = sub_of(*p.desc, pf);
-                uint8_t *element = p.elements + size_t{p.index} * sub.size;
-                if (sub.has_defaults) apply_defaults(sub, element);
-                if (!enter(p, sub, element, n)) return Status::no_memory;
-                continue;
-            }
-            set_bit(*p.desc, p.record, p.field);
-            continue;
-        }
-
-        uint32_t key;
-        if (!read_varint32(buffer, f.pos, f.end, key)) return Status::malformed;
-        const uint32_t number = key >> 3, wire_type = key & 7u;
-        const uint8_t index = number <= kMaxFieldNumber ? f.desc->lookup[number] : kUnknownField;
-        if (index == kUnknownField) {
-            if (Status s = skip_field(buffer, f.pos, f.end, wire_type); s != Status::ok) return s;
-            continue;
-        }
-        const FieldDesc &fd = f.desc->fields[index];
-        if (wire_type != wire_type_of(fd.kind)) return Status::wrong_wire_type;
-        uint8_t *record = f.record;
-
-        switch (fd.kind) {
-        case Kind::Varint32:
-        case Kind::Bool: {
-            uint32_t v;
-            if (!read_varint32(buffer, f.pos, f.end, v)) return Status::malformed;
-            if (fd.kind == Kind::Bool)
-                store<uint8_t>(record + fd.offset, v != 0);
-            else
-                store<uint32_t>(record + fd.offset, v);
-            set_bit(*f.desc, record, index);
-            break;
-        }
-        case Kind::Varint64: {
-            uint64_t v;
-            if (!read_varint64(buffer, f.pos, f.end, v)) return Status::malformed;
-            store<uint64_t>(record + fd.offset, v);
-            set_bit(*f.desc, record, index);
-            break;
-        }
-        case Kind::String: {
-            // A singular string may occur once: stricter than last-one-wins, deliberately.
-            if (load<char *>(record + fd.offset)) return Status::malformed;
-            if (!alloc_fn) return Status::no_memory;
-            uint32_t n;
-            if (!read_length(buffer, f.pos, f.end, n)) return Status::malformed;
-            // n < length here (the key took at least one byte), so n + 1 cannot wrap.
-            char *s = static_cast<char *>(alloc_fn(n + 1, alloc_ctx));
-            if (!s) return Status::no_memory;
-            std::memcpy(s, buffer + f.pos, n);
-            s[n] = '\0';
-            store<char *>(record + fd.offset, s);
-            set_bit(*f.desc, record, index);
-            f.pos += n;
-            break;
-        }
-        case Kind::Message:
-        case Kind::Flag: {
-            uint32_t n;
-            if (!read_length(buffer, f.pos, f.end, n)) return Status::malformed;
-            // A second occurrence decodes into the same record again; its reset drops (does not
-            // free) what the first one allocated.
-            uint8_t *child = fd.kind == Kind::Flag ? nullptr : record + fd.offset;
-            reset(*fd.sub, child);
-            f.field = index;
-            if (!enter(f, *fd.sub, child, n)) return Status::no_memory;
-            break;
-        }
-        case Kind::Messages: {
-            // Elements must stand together: a second run of the same field is refused.
-            if (load<void *>(record + fd.offset)) return Status::malformed;
-            if (!alloc_fn) return Status::no_memory;
-            uint32_t count;
-            if (Status s = count_run(buffer, f.pos, f.end, key, count); s != Status::ok) return s;
-            const MessageDesc &sub = sub_of(*f.desc, fd);
-            auto *elements = static_cast<uint8_t *>(alloc_array(count, sub.size, alloc_fn, alloc_ctx));
-            if (!elements) return Status::no_memory;
-            store<void *>(record + fd.offset, elements);
-            store<uint32_t>(record + fd.count_offset, count);
-            uint32_t n = 0;
-            (void)read_varint32(buffer, f.pos, f.end, n);
-            if (sub.has_defaults) apply_defaults(sub, elements);
-            f.field = index;
-            f.elements = elements;
-            f.index = 0;
-            f.count = count;
-            if (!enter(f, sub, elements, n)) return Status::no_memory;
-            break;
-        }
-        case Kind::Strings: {
-            if (load<void *>(record + fd.offset)) return Status::malformed;
-            if (!alloc_fn) return Status::no_memory;
-            if (Status s = decode_strings(fd, record, buffer, f.pos, f.end, key, alloc_fn, alloc_ctx); s != Status::ok)
-                return s;
-            set_bit(*f.desc, record, index);
-            break;
-        }
-        }
-    }
+    for (const auto &w : kWalks)
+        if (w.desc == &desc) return w.walk(record, buffer, length, alloc_fn, alloc_ctx);
+    return Status::malformed; // not a table of the codec
 }
 
 } // namespace tov::detail

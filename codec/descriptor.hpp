@@ -84,6 +84,35 @@ constexpr FieldDesc field(uint32_t number, Kind kind, uint16_t offset, uint16_t 
 
 constexpr const MessageDesc &sub_of(const MessageDesc &m, const FieldDesc &f) { return f.sub ? *f.sub : m; }
 
+// The row through which a message repeats itself (a data tree's children), or field_count when it
+// has none: only there is nesting unbounded, so only there do the walks need an explicit stack.
+constexpr unsigned self_field(const MessageDesc &m) {
+    unsigned found = m.field_count;
+    for (unsigned i = 0; i < m.field_count; ++i)
+        if (m.fields[i].kind == Kind::Messages && !m.fields[i].sub) {
+            if (found != m.field_count) throw "a message may repeat itself through one field only";
+            found = i;
+        }
+    return found;
+}
+
+// True when `inner` is an inline or repeated part of `outer`, at any depth.
+constexpr bool contains(const MessageDesc &outer, const MessageDesc &inner) {
+    for (unsigned i = 0; i < outer.field_count; ++i) {
+        const MessageDesc *sub = outer.fields[i].sub;
+        if (sub && (sub == &inner || contains(*sub, inner))) return true;
+    }
+    return false;
+}
+
+// True for a message that repeats itself and for everything inside one: their walks run once a
+// tree node, not once a message, so that is where inlining pays for its code.
+template <size_t N> constexpr bool in_tree(const MessageDesc &m, const MessageDesc *const (&all)[N]) {
+    for (const MessageDesc *outer : all)
+        if (self_field(*outer) < outer->field_count && (outer == &m || contains(*outer, m))) return true;
+    return false;
+}
+
 // Fails compilation (a throw in a constant expression) when a table row names a member of the
 // wrong type, so a table can never silently disagree with its record.
 template <class Member, class Expected> consteval uint16_t checked_offset(size_t offset) {

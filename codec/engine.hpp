@@ -75,6 +75,14 @@ Status duplicate(const MessageDesc &desc, void *destination, const void *source,
                  uintptr_t alloc_ctx);
 void release(const MessageDesc &desc, void *record, tov_free_fn free_fn, uintptr_t free_ctx);
 
+// The same walks generated for one message from its table (what the exported functions call);
+// the ones above pick the generated walk of a table known only at run time.
+template <const MessageDesc &D>
+Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx);
+template <const MessageDesc &D>
+Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx);
+template <const MessageDesc &D> void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx);
+
 // Walks whose contract says they cannot fail (encode, free) have no way to report that the heap
 // refused working memory for a tree deeper than kWalkFrames; such a tree could not have been
 // decoded or duplicated either, so this only happens to records built by hand.
