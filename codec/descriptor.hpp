@@ -35,18 +35,6 @@ struct FieldDesc {
     uint8_t bit;            // the record's bit name for this field, checked against the row index
 };
 
-// A member that owns memory (a string, or an array of strings or records), at its offset in the
-// outermost record: the members of inline records are listed in place, so release and copy walk
-// one flat list per record instead of descending into inline records that own nothing.
-struct OwnedSlot {
-    Kind kind;              // String, Strings or Messages
-    uint8_t bit_mask;       // the field's presence bit within the byte at present_at
-    uint16_t present_at;
-    uint16_t offset;
-    uint16_t count_offset;
-    const MessageDesc *sub; // Messages: the element table; nullptr means the record's own table
-};
-
 inline constexpr uint32_t kMaxFieldNumber = 63;
 inline constexpr uint8_t kUnknownField = 0xFF;
 
@@ -66,8 +54,6 @@ struct MessageDesc {
     // message puts nothing on the wire unless one of these bytes is non-zero.
     uint8_t closure_count;
     uint16_t closure[96];
-    uint8_t owned_count;
-    OwnedSlot owned[112];
 };
 
 constexpr uint32_t wire_type_of(Kind k) {
@@ -127,11 +113,7 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
     if (N > 32) throw "too many fields for a 32-bit presence mask";
     if (present_size != (N + 7) / 8) throw "the record's present array does not have one bit per field";
     MessageDesc d{name, size, static_cast<uint16_t>(present_offset), static_cast<uint8_t>(N), fields, {}, false,
-                  false, false, 0, static_cast<uint8_t>((N + 7) / 8), 0, {}, 0, {}};
-    auto add_owned = [&d](OwnedSlot slot) {
-        if (d.owned_count == sizeof d.owned / sizeof d.owned[0]) throw "too many owned members";
-        d.owned[d.owned_count++] = slot;
-    };
+                  false, false, 0, static_cast<uint8_t>((N + 7) / 8), 0, {}};
     for (auto &slot : d.lookup) slot = kUnknownField;
     auto add_to_closure = [&d](size_t offset) {
         if (d.closure_count == sizeof d.closure / sizeof d.closure[0]) throw "presence closure too large";
@@ -150,21 +132,11 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
         case Kind::Strings:
         case Kind::Messages:
             d.owns_memory = true;
-            add_owned(OwnedSlot{f.kind, static_cast<uint8_t>(1u << (i & 7)),
-                                static_cast<uint16_t>(present_offset + i / 8), f.offset, f.count_offset, f.sub});
             break;
         case Kind::Message:
             d.has_inline_records = true;
             d.inline_mask |= 1u << i;
             for (size_t k = 0; k < f.sub->closure_count; ++k) add_to_closure(f.offset + f.sub->closure[k]);
-            for (size_t k = 0; k < f.sub->owned_count; ++k) {
-                OwnedSlot slot = f.sub->owned[k];
-                slot.present_at = static_cast<uint16_t>(slot.present_at + f.offset);
-                slot.offset = static_cast<uint16_t>(slot.offset + f.offset);
-                slot.count_offset = static_cast<uint16_t>(slot.count_offset + f.offset);
-                if (!slot.sub) slot.sub = f.sub; // the inline record's own table, not this one
-                add_owned(slot);
-            }
             if (f.sub->has_defaults) d.has_defaults = true;
             if (f.sub->owns_memory) d.owns_memory = true;
             break;
@@ -177,7 +149,7 @@ constexpr MessageDesc describe(const char *name, uint32_t size, size_t present_o
 
 // A message without fields (a payload flag such as discard_changes).
 constexpr MessageDesc describe_empty(const char *name, uint32_t size) {
-    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false, 0, 0, 0, {}, 0, {}};
+    MessageDesc d{name, size, 0, 0, nullptr, {}, false, false, false, 0, 0, 0, {}};
     for (auto &slot : d.lookup) slot = kUnknownField;
     return d;
 }

@@ -188,13 +188,6 @@ private:
 
 // ---- what the walks know of a table at compile time ----
 
-// The field through which a message contains itself (a data tree's children), or -1.
-template <const MessageDesc &D> inline constexpr int kSelfField = [] {
-    for (int i = 0; i < D.field_count; ++i)
-        if (D.fields[i].kind == Kind::Messages && !D.fields[i].sub) return i;
-    return -1;
-}();
-
 template <const MessageDesc &D> [[gnu::always_inline]] inline uint32_t bits_of(const uint8_t *record) {
     const uint8_t *p = record + D.present_offset;
     uint32_t bits = 0;
@@ -296,7 +289,7 @@ template <const MessageDesc &D, size_t From, size_t To, class Out>
 // being written is held in locals and the nodes enclosing it wait on an explicit stack, so the
 // depth of a tree costs no C stack; a leaf is written at once.
 template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uint8_t *root, Out &out, size_t depth) {
-    static constexpr size_t R = static_cast<size_t>(kSelfField<D>);
+    static constexpr size_t R = self_field(D);
     static constexpr FieldDesc children = D.fields[R];
     struct Node {
         const uint8_t *record;
@@ -363,7 +356,7 @@ template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uin
 // Writes one record and claims its span; returns its length.
 template <const MessageDesc &D, class Out> inline uint32_t walk(const uint8_t *record, Out &out, size_t depth) {
     const uint32_t mark = out.mark(), claimed = out.claimed;
-    if constexpr (kSelfField<D> >= 0)
+    if constexpr (self_field(D) < D.field_count)
         tree<D>(record, out, depth);
     else
         fields<D, 0, D.field_count>(record, bits_of<D>(record), out, depth);
@@ -372,19 +365,9 @@ template <const MessageDesc &D, class Out> inline uint32_t walk(const uint8_t *r
     return n;
 }
 
-// True when `inner` is `outer` or lies somewhere inside it.
-constexpr bool holds(const MessageDesc &outer, const MessageDesc &inner) {
-    if (&outer == &inner) return true;
-    for (unsigned i = 0; i < outer.field_count; ++i)
-        if (const MessageDesc *sub = outer.fields[i].sub; sub && outer.fields[i].kind != Kind::Flag && holds(*sub, inner))
-            return true;
-    return false;
-}
 // Trees and what they hold are where the time goes; the envelopes around them are written once
 // per message, so their walks are kept small and out of the way.
-#define TOV_HOLDS_IN_TREE(m, T, ...) || (kSelfField<k##T> >= 0 && holds(k##T, D))
-template <const MessageDesc &D> inline constexpr bool kInTree = false TOV_MESSAGES(TOV_HOLDS_IN_TREE);
-#undef TOV_HOLDS_IN_TREE
+template <const MessageDesc &D> inline constexpr bool kInTree = in_tree(D, kAllMessages);
 
 template <const MessageDesc &D, class Out>
 [[gnu::cold, gnu::noinline]] uint32_t envelope(const uint8_t *record, Out &out, size_t depth) {
