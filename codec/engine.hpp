@@ -23,8 +23,9 @@ enum class [[nodiscard]] Status : int32_t {
 };
 constexpr int32_t code(Status s) { return static_cast<int32_t>(s); }
 
-// Frames every walk keeps off the C heap: a data tree 256 levels deep inside the deepest
-// envelope, with the inline records below its last level.
+// Tree levels every walk keeps off the C heap. Only a data tree's children nest without a bound;
+// the envelopes around a tree and the records inside a node are walked by ordinary calls, their
+// depth fixed by the schema.
 inline constexpr size_t kWalkFrames = 256 + 16;
 template <class Frame> using CodecStack = WalkStack<Frame, kWalkFrames>;
 
