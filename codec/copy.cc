@@ -191,20 +191,4 @@ template <const MessageDesc &D>
 TOV_MESSAGES(TOV_INSTANTIATE_)
 #undef TOV_INSTANTIATE_
 
-Status duplicate(const MessageDesc &desc, void *destination, const void *source, tov_alloc_fn alloc_fn,
-                 uintptr_t alloc_ctx) {
-    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
-    static constexpr struct {
-        const MessageDesc *desc;
-        decltype(&duplicate_message<kRequest>) walk;
-    } kWalks[] = {
-#define TOV_WALK_(m, T, ...) {&k##T, &duplicate_message<k##T>},
-        TOV_MESSAGES(TOV_WALK_)
-#undef TOV_WALK_
-    };
-    for (const auto &w : kWalks)
-        if (w.desc == &desc) return w.walk(destination, source, alloc_fn, alloc_ctx);
-    return Status::ok; // not a table of the codec
-}
-
 } // namespace tov::detail

@@ -386,22 +386,6 @@ template <const MessageDesc &D>
 TOV_MESSAGES(TOV_INSTANTIATE_)
 #undef TOV_INSTANTIATE_
 
-Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length,
-              tov_alloc_fn alloc_fn, uintptr_t alloc_ctx) {
-    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
-    static constexpr struct {
-        const MessageDesc *desc;
-        decltype(&decode_message<kRequest>) walk;
-    } kWalks[] = {
-#define TOV_WALK_(m, T, ...) {&k##T, &decode_message<k##T>},
-        TOV_MESSAGES(TOV_WALK_)
-#undef TOV_WALK_
-    };
-    for (const auto &w : kWalks)
-        if (w.desc == &desc) return w.walk(record, buffer, length, alloc_fn, alloc_ctx);
-    return Status::malformed; // not a table of the codec
-}
-
 } // namespace tov::detail
 
 extern "C" TOV_API int32_t protoc99_decode_var32(uint32_t *value_out, uint32_t *position, const uint8_t *buffer,

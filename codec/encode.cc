@@ -438,13 +438,4 @@ uint32_t encode_message(const void *root_record, uint8_t *buffer, uint32_t capac
 TOV_MESSAGES(TOV_ENCODER_OF)
 #undef TOV_ENCODER_OF
 
-uint32_t encode(const MessageDesc &desc, const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
-                uint32_t *span_count) {
-#define TOV_ENCODER_OF(m, T, ...)                                                                      \
-    if (&desc == &k##T) return encode_message<k##T>(record, buffer, capacity, spans, span_count);
-    TOV_MESSAGES(TOV_ENCODER_OF)
-#undef TOV_ENCODER_OF
-    std::abort(); // not reached: every table is in the list
-}
-
 } // namespace tov::detail

@@ -64,25 +64,25 @@ inline void reset(const MessageDesc &desc, void *record) {
     if (desc.has_defaults) apply_defaults(desc, static_cast<uint8_t *>(record));
 }
 
-Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
-              uintptr_t alloc_ctx);
-// Each message's encoder, generated from its table; the second form finds it by table.
+// The walks of one message, generated from its table (what the exported functions call).
+template <const MessageDesc &D>
+Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx);
 template <const MessageDesc &D>
 uint32_t encode_message(const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
                         uint32_t *span_count);
+template <const MessageDesc &D>
+Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx);
+template <const MessageDesc &D> void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx);
+
+// The same for a table known only at run time (the tools hold one): its generated walks are found
+// by the table's address.
+Status decode(const MessageDesc &desc, void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn,
+              uintptr_t alloc_ctx);
 uint32_t encode(const MessageDesc &desc, const void *record, uint8_t *buffer, uint32_t capacity, TovSpan *spans,
                 uint32_t *span_count);
 Status duplicate(const MessageDesc &desc, void *destination, const void *source, tov_alloc_fn alloc_fn,
                  uintptr_t alloc_ctx);
 void release(const MessageDesc &desc, void *record, tov_free_fn free_fn, uintptr_t free_ctx);
-
-// The same walks generated for one message from its table (what the exported functions call);
-// the ones above pick the generated walk of a table known only at run time.
-template <const MessageDesc &D>
-Status decode_message(void *record, const uint8_t *buffer, uint32_t length, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx);
-template <const MessageDesc &D>
-Status duplicate_message(void *destination, const void *source, tov_alloc_fn alloc_fn, uintptr_t alloc_ctx);
-template <const MessageDesc &D> void release_message(void *record, tov_free_fn free_fn, uintptr_t free_ctx);
 
 // Walks whose contract says they cannot fail (encode, free) have no way to report that the heap
 // refused working memory for a tree deeper than kWalkFrames; such a tree could not have been

@@ -128,18 +128,4 @@ template <const MessageDesc &D>
 TOV_MESSAGES(TOV_INSTANTIATE_)
 #undef TOV_INSTANTIATE_
 
-void release(const MessageDesc &desc, void *record, tov_free_fn free_fn, uintptr_t free_ctx) {
-    // The generated walk of each table, by address: a table known only at run time (tools) finds it here.
-    static constexpr struct {
-        const MessageDesc *desc;
-        decltype(&release_message<kRequest>) walk;
-    } kWalks[] = {
-#define TOV_WALK_(m, T, ...) {&k##T, &release_message<k##T>},
-        TOV_MESSAGES(TOV_WALK_)
-#undef TOV_WALK_
-    };
-    for (const auto &w : kWalks)
-        if (w.desc == &desc) return w.walk(record, free_fn, free_ctx);
-}
-
 } // namespace tov::detail
