@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -19,6 +18,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/tools.hpp"
 #include "tov/codec.h"
 
 namespace {
@@ -32,16 +32,7 @@ pid_t spawn(const char *tool, const std::vector<std::string> &args, const fs::pa
     pid_t pid = fork();
     if (pid == 0) {
         freopen(in.c_str(), "rb", stdin), freopen(out.c_str(), "wb", stdout), freopen(err.c_str(), "wb", stderr);
-        std::vector<std::string> words;
-        std::istringstream emulator(TOV_AGENT_EMULATOR);
-        for (std::string w; emulator >> w;) words.push_back(w);
-        words.push_back(tool);
-        words.insert(words.end(), args.begin(), args.end());
-        std::vector<char *> argv;
-        for (auto &w : words) argv.push_back(w.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        tov::test::exec_tool(TOV_AGENT_EMULATOR, tool, args);
     }
     return pid;
 }

@@ -4,13 +4,13 @@
 
 #include <csignal>
 #include <poll.h>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/rings.hpp"
+#include "support/tools.hpp"
 #include "tov/trace_buffer.h"
 
 namespace {
@@ -24,16 +24,7 @@ std::pair<int, std::string> run_tool(const std::vector<std::string> &args) {
     if (pid == 0) {
         dup2(fds[1], 1);
         dup2(fds[1], 2);
-        std::vector<std::string> words;
-        std::istringstream emulator(TOV_TRACE_TOOL_EMULATOR);
-        for (std::string word; emulator >> word;) words.push_back(word);
-        words.push_back(TOV_TRACE_TOOL);
-        words.insert(words.end(), args.begin(), args.end());
-        std::vector<char *> argv;
-        for (auto &w : words) argv.push_back(w.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
+        tov::test::exec_tool(TOV_TRACE_TOOL_EMULATOR, TOV_TRACE_TOOL, args);
     }
     close(fds[1]);
     std::string text;
