@@ -42,23 +42,24 @@ inline uint32_t varint_size64(uint64_t v) {
     return (static_cast<uint32_t>(63 - __builtin_clzll(v)) * 9 + 73) / 64;
 }
 
+// Copies n bytes, sizeof(Word) <= n <= 2 * sizeof(Word), as two words that may overlap.
+template <class Word> [[gnu::always_inline]] inline void copy_ends(uint8_t *to, const char *from, uint32_t n) {
+    Word head, tail;
+    std::memcpy(&head, from, sizeof head);
+    std::memcpy(&tail, from + n - sizeof tail, sizeof tail);
+    std::memcpy(to, &head, sizeof head);
+    std::memcpy(to + n - sizeof tail, &tail, sizeof tail);
+}
+
 // Copies a string of n bytes; short ones (most names and values) without a call, and without
 // reading a byte outside the string.
 [[gnu::always_inline]] inline void copy_bytes(uint8_t *to, const char *from, uint32_t n) {
     if (n > 16) {
         std::memcpy(to, from, n);
     } else if (n >= 8) {
-        uint64_t head, tail;
-        std::memcpy(&head, from, 8);
-        std::memcpy(&tail, from + n - 8, 8);
-        std::memcpy(to, &head, 8);
-        std::memcpy(to + n - 8, &tail, 8);
+        copy_ends<uint64_t>(to, from, n);
     } else if (n >= 4) {
-        uint32_t head, tail;
-        std::memcpy(&head, from, 4);
-        std::memcpy(&tail, from + n - 4, 4);
-        std::memcpy(to, &head, 4);
-        std::memcpy(to + n - 4, &tail, 4);
+        copy_ends<uint32_t>(to, from, n);
     } else if (n != 0) {
         to[0] = static_cast<uint8_t>(from[0]);
         to[n >> 1] = static_cast<uint8_t>(from[n >> 1]);
