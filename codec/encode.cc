@@ -19,6 +19,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <type_traits>
 #include <utility>
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -97,6 +98,7 @@ template <class V> inline uint32_t varint_size(V v) {
 // for a string its bytes); a message body is emitted before its key and length.
 struct Counter {
     static constexpr bool kBackward = false; // any order measures; front to back reads memory in order
+    static constexpr bool kSpans = false;
     uint64_t at = 0; // the caller sees 32 bits; 64 here tell that a hand-built record went past them
     uint32_t claimed = 0; // non-empty message encodings
     template <uint16_t Key, uint8_t KeySize, class V> [[gnu::always_inline]] void number(V v) {
@@ -113,9 +115,11 @@ struct Counter {
 // Writes towards the start: `at` is the absolute position of the first byte written so far. Only
 // positions below the capacity are written, a string only when it fits whole; a position that
 // went below zero wraps around past the capacity and is not written either. A field that lies
-// wholly inside the buffer (nearly all of them) is checked once and written front to back.
-struct Writer {
+// wholly inside the buffer (nearly all of them) is checked once and written front to back. Only a
+// writer with a span list keeps what it needs to place each span.
+template <bool Spans> struct Writer {
     static constexpr bool kBackward = true;
+    static constexpr bool kSpans = Spans;
     uint8_t *buffer;
     uint32_t capacity;
     uint32_t at;
@@ -156,7 +160,7 @@ struct Writer {
     // give it: after it come its enclosing messages and everything written before it here.
     void claim(uint32_t n, uint32_t claimed_before, size_t enclosing) {
         ++claimed;
-        if (span_room == 0) return;
+        if constexpr (!Spans) return;
         const uint32_t index = span_total - 1 - claimed_before - static_cast<uint32_t>(enclosing);
         if (index < span_room)
             spans[index] = TovSpan{enclosing == 0 ? buffer : (at < capacity ? buffer + at : nullptr), n};
@@ -311,18 +315,30 @@ template <const MessageDesc &D, size_t From, size_t To, class Out>
 template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uint8_t *root, Out &out, size_t depth) {
     static constexpr size_t R = self_field(D);
     static constexpr FieldDesc children = D.fields[R];
-    struct Node {
+    // A node whose children are being written waits with what it needs once they are: its array
+    // is read again from it then, and only a writer of spans needs the spans claimed before it.
+    struct Waiting {
         const uint8_t *record;
-        const uint8_t *children; // its children's array
-        uint32_t count;
         uint32_t remaining; // children still to write
         uint32_t mark;      // where the node's encoding starts (counting) or ends (writing)
-        uint32_t claimed;   // spans claimed before the node was entered
     };
-    auto node_of = [](const uint8_t *record, uint32_t bits, uint32_t mark, uint32_t claimed) __attribute__((always_inline)) {
-        const auto *array = ((bits >> R) & 1u) ? load<const uint8_t *>(record + children.offset) : nullptr;
-        const uint32_t count = array ? load<uint32_t>(record + children.count_offset) : 0;
-        return Node{record, array, count, count, mark, claimed};
+    struct WaitingWithSpans : Waiting {
+        uint32_t claimed; // spans claimed before the node was entered
+    };
+    using Node = std::conditional_t<Out::kSpans, WaitingWithSpans, Waiting>;
+    auto node_of = [&out](const uint8_t *record, uint32_t remaining, uint32_t mark) __attribute__((always_inline)) {
+        Node node;
+        node.record = record;
+        node.remaining = remaining;
+        node.mark = mark;
+        if constexpr (Out::kSpans) node.claimed = out.claimed;
+        return node;
+    };
+    auto claimed_of = [](const Node &node) __attribute__((always_inline)) -> uint32_t {
+        if constexpr (Out::kSpans)
+            return node.claimed;
+        else
+            return 0;
     };
     auto before_children = [&out](const uint8_t *record, uint32_t bits, size_t enclosing) __attribute__((always_inline)) {
         if constexpr (Out::kBackward)
@@ -341,23 +357,35 @@ template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uin
         if (n != 0) out.claim(n, claimed, enclosing);
         out.template number<children.key, children.key_size>(n);
     };
+    // The children of a record: none unless its bit and its array say so.
+    auto children_of = [](const uint8_t *record, uint32_t bits, const uint8_t *&array) __attribute__((always_inline)) -> uint32_t {
+        if (!((bits >> R) & 1u)) return 0;
+        array = load<const uint8_t *>(record + children.offset);
+        return array ? load<uint32_t>(record + children.count_offset) : 0;
+    };
 
     CodecStack<Node> stack;
-    const uint32_t root_bits = bits_of<D>(root);
-    before_children(root, root_bits, depth);
-    Node node = node_of(root, root_bits, 0, 0);
+    uint32_t bits = bits_of<D>(root);
+    before_children(root, bits, depth);
+    // The node whose children are being written stays in locals with its array and its count.
+    const uint8_t *array = nullptr;
+    uint32_t count = children_of(root, bits, array);
+    Node node = node_of(root, count, 0);
     for (;;) {
         if (node.remaining != 0) {
-            const uint32_t k = Out::kBackward ? node.remaining - 1 : node.count - node.remaining;
+            const uint32_t k = Out::kBackward ? node.remaining - 1 : count - node.remaining;
             --node.remaining;
-            const uint8_t *child = node.children + size_t{k} * D.size;
+            const uint8_t *child = array + size_t{k} * D.size;
             const size_t enclosing = depth + stack.size() + 1;
-            const uint32_t mark = out.mark(), claimed = out.claimed, bits = bits_of<D>(child);
+            const uint32_t mark = out.mark(), claimed = out.claimed;
+            bits = bits_of<D>(child);
             before_children(child, bits, enclosing);
-            const Node inner = node_of(child, bits, mark, claimed);
-            if (inner.remaining != 0) {
+            const uint8_t *inner = nullptr;
+            if (const uint32_t inner_count = children_of(child, bits, inner)) {
                 must_push(stack, node);
-                node = inner;
+                node = node_of(child, inner_count, mark);
+                array = inner;
+                count = inner_count;
                 continue;
             }
             after_children(child, bits, enclosing);
@@ -367,9 +395,11 @@ template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uin
         const size_t enclosing = depth + stack.size();
         after_children(node.record, bits_of<D>(node.record), enclosing);
         if (stack.empty()) return; // the root's caller sends its length
-        close(node.mark, node.claimed, enclosing);
+        close(node.mark, claimed_of(node), enclosing);
         node = stack.top();
         stack.pop();
+        array = load<const uint8_t *>(node.record + children.offset);
+        count = load<uint32_t>(node.record + children.count_offset);
     }
 }
 
@@ -429,9 +459,13 @@ uint32_t encode_message(const void *root_record, uint8_t *buffer, uint32_t capac
     const auto *record = static_cast<const uint8_t *>(root_record);
     Measured &last = last_measured;
     if (buffer && capacity != 0 && last.total == capacity && last.record == record && last.desc == &D) {
-        Writer w{buffer, capacity, capacity, spans, spans && span_count ? *span_count : 0, last.spans};
-        whole<D>(record, w);
-        if (w.at == 0 && w.claimed == last.spans) {
+        const uint32_t room = spans && span_count ? *span_count : 0;
+        const auto written = [&]<bool Spans>() {
+            Writer<Spans> w{buffer, capacity, capacity, spans, room, last.spans};
+            whole<D>(record, w);
+            return w.at == 0 && w.claimed == last.spans;
+        };
+        if (room != 0 ? written.template operator()<true>() : written.template operator()<false>()) {
             if (span_count) *span_count = last.spans;
             return capacity;
         }
@@ -443,11 +477,11 @@ uint32_t encode_message(const void *root_record, uint8_t *buffer, uint32_t capac
     const uint32_t total = static_cast<uint32_t>(counter.at);
     last = counter.at <= UINT32_MAX ? Measured{&D, record, total, counter.claimed} : Measured{};
     if (span_count) {
-        Writer w{buffer, buffer ? capacity : 0, total, spans, spans ? *span_count : 0, counter.claimed};
+        Writer<true> w{buffer, buffer ? capacity : 0, total, spans, spans ? *span_count : 0, counter.claimed};
         whole<D>(record, w);
         *span_count = counter.claimed;
     } else if (buffer && capacity != 0) {
-        Writer w{buffer, capacity, total};
+        Writer<false> w{buffer, capacity, total};
         whole<D>(record, w);
     }
     return total;
