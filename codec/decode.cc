@@ -113,7 +113,6 @@ struct Input {
 constexpr Status kDescend = static_cast<Status>(1);
 struct Run {
     uint8_t *elements;
-    uint32_t count;
     uint32_t first_length;
 };
 
@@ -251,7 +250,6 @@ template <const MessageDesc &D> struct Decoder {
                                      run.elements);
                 s != Status::ok)
                 return s;
-            run.count = load<uint32_t>(record + f.count_offset);
             (void)read_size(buffer, pos, end, run.first_length); // checked by count_run
             return kDescend;
         } else if constexpr (f.kind == Kind::Messages && kHot) {
@@ -323,14 +321,14 @@ template <const MessageDesc &D> struct Decoder {
     // A message that repeats itself: the record being read stays in registers, and the stack holds
     // its ancestors, each with the run of its own kind that it is in the middle of.
     static Status tree(const Input &in, uint8_t *record, uint32_t pos, uint32_t end) {
+        // A waiting ancestor: its run's array and count are in the record itself, and its bytes go
+        // on where those of the element being read end.
         struct Frame {
             uint8_t *record;
-            uint8_t *elements;
-            uint32_t pos; // behind the element being read
             uint32_t end;
-            uint32_t index;
-            uint32_t count;
+            uint32_t index; // of the element being read
         };
+        static constexpr FieldDesc self = D.fields[kSelf];
         CodecStack<Frame> stack;
         for (;;) {
             while (pos < end) {
@@ -341,7 +339,7 @@ template <const MessageDesc &D> struct Decoder {
                 if (s == Status::ok) continue;
                 if (s != kDescend) return s;
                 if constexpr (D.has_defaults) apply_defaults(D, run.elements);
-                if (!stack.push(Frame{record, run.elements, pos + run.first_length, end, 0, run.count}))
+                if (!stack.push(Frame{record, end, 0}))
                     return Status::no_memory;
                 record = run.elements;
                 end = pos + run.first_length;
@@ -350,20 +348,17 @@ template <const MessageDesc &D> struct Decoder {
             // parent itself once the run is done.
             if (stack.empty()) return Status::ok;
             Frame &parent = stack.top();
-            if (++parent.index < parent.count) {
+            if (++parent.index < load<uint32_t>(parent.record + self.count_offset)) {
                 uint32_t n = 0; // the element's key and length were checked by count_run
-                (void)read_varint32(in.buffer, parent.pos, parent.end, n);
-                (void)read_size(in.buffer, parent.pos, parent.end, n);
-                record = parent.elements + size_t{parent.index} * D.size;
+                (void)read_varint32(in.buffer, pos, parent.end, n);
+                (void)read_size(in.buffer, pos, parent.end, n);
+                record = load<uint8_t *>(parent.record + self.offset) + size_t{parent.index} * D.size;
                 if constexpr (D.has_defaults) apply_defaults(D, record);
-                pos = parent.pos;
                 end = pos + n;
-                parent.pos = end;
                 continue;
             }
             set_bit<kSelf>(parent.record);
             record = parent.record;
-            pos = parent.pos;
             end = parent.end;
             stack.pop();
         }

@@ -25,8 +25,9 @@ constexpr int32_t code(Status s) { return static_cast<int32_t>(s); }
 
 // Tree levels every walk keeps off the C heap. Only a data tree's children nest without a bound;
 // the envelopes around a tree and the records inside a node are walked by ordinary calls, their
-// depth fixed by the schema.
-inline constexpr size_t kWalkFrames = 256 + 16;
+// depth fixed by the schema. The frames are small (16 or 24 bytes), so a thousand levels cost at
+// most 24 KiB of C stack, far cheaper than taking and copying heap memory on every call.
+inline constexpr size_t kWalkFrames = 1024;
 template <class Frame> using CodecStack = WalkStack<Frame, kWalkFrames>;
 
 template <class T> inline T load(const uint8_t *p) {

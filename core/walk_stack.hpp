@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The explicit stack of every walk over nested records (the codec's and the tree printers'): depth
-// never costs C stack. InlineFrames frames live inside the object (the codec keeps hundreds there,
-// so no real tree reaches the heap); deeper walks take working memory from the C heap (never from
+// never costs C stack. InlineFrames frames live inside the object (the codec keeps a thousand
+// there, so no real tree reaches the heap); deeper walks take working memory from the C heap (never from
 // the caller's callbacks), released when the walk returns.
 #pragma once
 
