@@ -142,7 +142,7 @@ template <bool Spans> struct Writer {
             p[1] = static_cast<uint8_t>(v >> 7);
             return;
         }
-        any_number<Key, KeySize>(v);
+        at = any_number<Key, KeySize>(buffer, capacity, at, v);
     }
     template <uint16_t Key, uint8_t KeySize> [[gnu::always_inline]] void text(const char *s, uint32_t n) {
         if (n < 0x80 && inside(n + 1 + KeySize)) [[likely]] {
@@ -152,7 +152,7 @@ template <bool Spans> struct Writer {
             copy_bytes(p + 1, s, n);
             return;
         }
-        any_text<Key, KeySize>(s, n);
+        at = any_text<Key, KeySize>(buffer, capacity, at, s, n);
     }
     uint32_t mark() const { return at; }
     uint32_t since(uint32_t mark) const { return mark - at; }
@@ -179,34 +179,39 @@ private:
         *p++ = static_cast<uint8_t>(v);
         return p;
     }
+    // The rarer fields are written out of line by functions that take the position and give the
+    // new one back: the writer's address never escapes, so a walk keeps it in registers, where no
+    // byte it writes can be taken to alias it.
     // Byte by byte, skipping every position at or past the capacity.
-    [[gnu::noinline]] void clipped_varint(uint64_t v, uint32_t size) {
+    [[gnu::noinline]] static uint32_t clipped_varint(uint8_t *buffer, uint32_t capacity, uint32_t at, uint64_t v,
+                                                     uint32_t size) {
         at -= size;
         for (uint32_t i = 0; i < size; ++i, v >>= 7)
             if (at + i < capacity) buffer[at + i] = static_cast<uint8_t>(i + 1 < size ? (v | 0x80) : v);
+        return at;
     }
-    template <uint16_t Key, uint8_t KeySize> void clipped_key() { clipped_varint(Key, KeySize); }
-    template <uint16_t Key, uint8_t KeySize, class V> [[gnu::noinline]] void any_number(V v) {
+    template <uint16_t Key, uint8_t KeySize, class V>
+    [[gnu::noinline]] static uint32_t any_number(uint8_t *buffer, uint32_t capacity, uint32_t at, V v) {
         const uint32_t size = varint_size(v);
-        if (inside(size + KeySize)) {
+        if (at <= capacity && size + KeySize <= at) {
             at -= size + KeySize;
             put_varint(put_key<Key, KeySize>(buffer + at), v);
-            return;
+            return at;
         }
-        clipped_varint(v, size);
-        clipped_key<Key, KeySize>();
+        return clipped_varint(buffer, capacity, clipped_varint(buffer, capacity, at, v, size), Key, KeySize);
     }
-    template <uint16_t Key, uint8_t KeySize> [[gnu::noinline]] void any_text(const char *s, uint32_t n) {
+    template <uint16_t Key, uint8_t KeySize>
+    [[gnu::noinline]] static uint32_t any_text(uint8_t *buffer, uint32_t capacity, uint32_t at, const char *s,
+                                               uint32_t n) {
         const uint32_t size = varint_size32(n);
-        if (inside(n) && size + KeySize <= at - n) {
+        if (at <= capacity && n <= at && size + KeySize <= at - n) {
             at -= n + size + KeySize;
             copy_bytes(put_varint(put_key<Key, KeySize>(buffer + at), n), s, n);
-            return;
+            return at;
         }
         at -= n;
         if (at <= capacity && n <= capacity - at && n != 0) std::memcpy(buffer + at, s, n);
-        clipped_varint(n, size);
-        clipped_key<Key, KeySize>();
+        return clipped_varint(buffer, capacity, clipped_varint(buffer, capacity, at, n, size), Key, KeySize);
     }
 };
 
@@ -226,7 +231,8 @@ template <const MessageDesc &D> [[gnu::always_inline]] inline bool has_content(c
     }(std::make_index_sequence<D.closure_count>{});
 }
 
-template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *record, Out &out, size_t depth);
+template <const MessageDesc &D, class Out>
+[[gnu::always_inline]] inline uint32_t message(const uint8_t *record, Out &out, size_t depth);
 
 // Elements 0..count-1 in the output's order.
 template <class Out, class Body> [[gnu::always_inline]] inline void each(uint32_t count, Body body) {
@@ -312,9 +318,10 @@ template <const MessageDesc &D, size_t From, size_t To, class Out>
 // node entered the same way), then the fields on the other side, in the output's order. The node
 // being written is held in locals and the nodes enclosing it wait on an explicit stack, so the
 // depth of a tree costs no C stack; a leaf is written at once.
-template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uint8_t *root, Out &out, size_t depth) {
+template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uint8_t *root, Out &caller_out, size_t depth) {
     static constexpr size_t R = self_field(D);
     static constexpr FieldDesc children = D.fields[R];
+    Out out = caller_out; // in registers: see the writer
     // A node whose children are being written waits with what it needs once they are: its array
     // is read again from it then, and only a writer of spans needs the spans claimed before it.
     struct Waiting {
@@ -394,7 +401,10 @@ template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uin
         }
         const size_t enclosing = depth + stack.size();
         after_children(node.record, bits_of<D>(node.record), enclosing);
-        if (stack.empty()) return; // the root's caller sends its length
+        if (stack.empty()) { // the root's caller sends its length
+            caller_out = out;
+            return;
+        }
         close(node.mark, claimed_of(node), enclosing);
         node = stack.top();
         stack.pop();
@@ -404,7 +414,8 @@ template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uin
 }
 
 // Writes one record and claims its span; returns its length.
-template <const MessageDesc &D, class Out> inline uint32_t walk(const uint8_t *record, Out &out, size_t depth) {
+template <const MessageDesc &D, class Out>
+[[gnu::always_inline]] inline uint32_t walk(const uint8_t *record, Out &out, size_t depth) {
     const uint32_t mark = out.mark(), claimed = out.claimed;
     if constexpr (self_field(D) < D.field_count)
         tree<D>(record, out, depth);
@@ -424,7 +435,8 @@ template <const MessageDesc &D, class Out>
     return walk<D>(record, out, depth);
 }
 
-template <const MessageDesc &D, class Out> uint32_t message(const uint8_t *record, Out &out, size_t depth) {
+template <const MessageDesc &D, class Out>
+[[gnu::always_inline]] inline uint32_t message(const uint8_t *record, Out &out, size_t depth) {
     if constexpr (kInTree<D>)
         return walk<D>(record, out, depth);
     else
