@@ -7,6 +7,7 @@
 
 #include "codec/engine.hpp"
 #include "codec/envelope_tables.hpp"
+#include "codec/text.hpp"
 
 namespace tov::detail {
 namespace {
@@ -17,10 +18,10 @@ struct Output {
 };
 
 [[gnu::always_inline]] inline char *copy_string(const char *s, const Output &out) {
-    const size_t n = std::strlen(s);
+    const size_t n = text_length(s);
     if (!out.alloc_fn || n >= UINT32_MAX) return nullptr;
     char *copy = static_cast<char *>(out.alloc_fn(static_cast<uint32_t>(n + 1), out.alloc_ctx));
-    if (copy) std::memcpy(copy, s, n + 1);
+    if (copy) copy_bytes(reinterpret_cast<uint8_t *>(copy), s, static_cast<uint32_t>(n + 1));
     return copy;
 }
 

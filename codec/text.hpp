@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: BSD-3-Clause
+// The length and the copy of the short strings a tree is made of (names and values), without a
+// call for most of them; shared by the encoder and the duplicator.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace tov::detail {
+
+// Copies n bytes, sizeof(Word) <= n <= 2 * sizeof(Word), as two words that may overlap.
+template <class Word> [[gnu::always_inline]] inline void copy_ends(uint8_t *to, const char *from, uint32_t n) {
+    Word head, tail;
+    std::memcpy(&head, from, sizeof head);
+    std::memcpy(&tail, from + n - sizeof tail, sizeof tail);
+    std::memcpy(to, &head, sizeof head);
+    std::memcpy(to + n - sizeof tail, &tail, sizeof tail);
+}
+
+// Copies a string of n bytes; short ones (most names and values) without a call, and without
+// reading a byte outside the string.
+[[gnu::always_inline]] inline void copy_bytes(uint8_t *to, const char *from, uint32_t n) {
+    if (n > 16) {
+        std::memcpy(to, from, n);
+    } else if (n >= 8) {
+        copy_ends<uint64_t>(to, from, n);
+    } else if (n >= 4) {
+        copy_ends<uint32_t>(to, from, n);
+    } else if (n != 0) {
+        to[0] = static_cast<uint8_t>(from[0]);
+        to[n >> 1] = static_cast<uint8_t>(from[n >> 1]);
+        to[n - 1] = static_cast<uint8_t>(from[n - 1]);
+    }
+}
+
+// strlen without a call for the short names and values of a tree: the 16-byte aligned block that
+// holds the first byte is searched for the NUL, and only a string that runs past it goes to
+// strlen. An aligned block never crosses a page, so the bytes around the string's own that it
+// reads cannot fault; the address sanitizer, which would report them, is told so.
+#if defined(__SSE2__)
+[[gnu::no_sanitize_address]] inline size_t text_length(const char *s) {
+    const uintptr_t start = reinterpret_cast<uintptr_t>(s);
+    const auto *block = reinterpret_cast<const __m128i *>(start & ~uintptr_t{15});
+    const uint32_t nul = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(block), _mm_setzero_si128())));
+    if (const uint32_t ours = nul & (~0u << (start & 15))) return __builtin_ctz(ours) - (start & 15);
+    return std::strlen(s);
+}
+#else
+inline size_t text_length(const char *s) { return std::strlen(s); }
+#endif
+
+} // namespace tov::detail
