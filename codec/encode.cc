@@ -290,7 +290,7 @@ template <const MessageDesc &D, class Out> [[gnu::noinline]] void tree(const uin
         uint32_t claimed; // spans claimed before the node was entered
     };
     using Node = std::conditional_t<Out::kSpans, WaitingWithSpans, Waiting>;
-    auto node_of = [&out](const uint8_t *record, uint32_t remaining, uint32_t mark) __attribute__((always_inline)) {
+    auto node_of = [&](const uint8_t *record, uint32_t remaining, uint32_t mark) __attribute__((always_inline)) {
         Node node;
         node.record = record;
         node.remaining = remaining;
