@@ -191,7 +191,8 @@ template <const MessageDesc &D> [[gnu::always_inline]] inline bool has_content(c
 template <const MessageDesc &D, class Out>
 [[gnu::always_inline]] inline uint32_t message(const uint8_t *record, Out &out, size_t depth);
 
-// Elements 0..count-1 in the output's order.
+// Elements 0..count-1 in the output's order. Callers force their bodies inline: an outlined body
+// would take the output's address, and the whole walk would keep it in memory instead of registers.
 template <class Out, class Body> [[gnu::always_inline]] inline void each(uint32_t count, Body body) {
     if constexpr (Out::kBackward)
         for (uint32_t k = count; k-- > 0;) body(k);
@@ -220,7 +221,7 @@ template <const MessageDesc &D, size_t I, class Out>
         if (!present) return;
         auto *const *items = load<char *const *>(record + f.offset);
         if (!items) return;
-        each<Out>(load<uint32_t>(record + f.count_offset), [&](uint32_t k) {
+        each<Out>(load<uint32_t>(record + f.count_offset), [&](uint32_t k) __attribute__((always_inline)) {
             out.template text<f.key, f.key_size>(items[k], items[k] ? static_cast<uint32_t>(text_length(items[k])) : 0);
         });
     } else if constexpr (f.kind == Kind::Message) {
@@ -234,7 +235,7 @@ template <const MessageDesc &D, size_t I, class Out>
         if (!present) return;
         const auto *elements = load<const uint8_t *>(record + f.offset);
         if (!elements) return;
-        each<Out>(load<uint32_t>(record + f.count_offset), [&](uint32_t k) {
+        each<Out>(load<uint32_t>(record + f.count_offset), [&](uint32_t k) __attribute__((always_inline)) {
             out.template number<f.key, f.key_size>(message<*f.sub>(elements + size_t{k} * f.sub->size, out, depth + 1));
         });
     }
