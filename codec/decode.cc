@@ -7,6 +7,7 @@
 
 #include "codec/engine.hpp"
 #include "codec/envelope_tables.hpp"
+#include "codec/text.hpp"
 #include "codec/wire.hpp"
 
 namespace tov::detail {
@@ -137,7 +138,7 @@ using Walk = Status (*)(const Input &, uint8_t *record, uint32_t pos, uint32_t e
     // n < length here (the key took at least one byte), so n + 1 cannot wrap.
     char *s = static_cast<char *>(in.alloc_fn(n + 1, in.alloc_ctx));
     if (!s) return Status::no_memory;
-    std::memcpy(s, in.buffer + pos, n);
+    copy_bytes(reinterpret_cast<uint8_t *>(s), reinterpret_cast<const char *>(in.buffer + pos), n);
     s[n] = '\0';
     store<char *>(member, s);
     pos += n;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 // The length and the copy of the short strings a tree is made of (names and values), without a
-// call for most of them; shared by the encoder and the duplicator.
+// call for most of them; shared by the decoder, the encoder and the duplicator.
 #pragma once
 
 #include <cstddef>
