@@ -40,6 +40,13 @@ struct Bump {
     size_t used = 0;
     void rewind() { used = 0; }
 };
+// One region for every case, taken once: a fresh 64 MiB per repetition made the kernel clear
+// gigabytes of pages between the timed loops, which showed as noise in them.
+Bump &bump_region() {
+    static Bump region;
+    region.rewind();
+    return region;
+}
 void *bump_alloc(uint32_t size, uintptr_t ctx) {
     auto *b = reinterpret_cast<Bump *>(ctx);
     const size_t need = (static_cast<size_t>(size) + 15) & ~size_t{15};
@@ -60,6 +67,10 @@ struct GpbArena {
         return o;
     }
 };
+GpbArena &gpb_block() {
+    static GpbArena block;
+    return block;
+}
 
 // chain1k nests a thousand levels: past libprotobuf's default recursion limit of 100.
 bool gpb_parse(GpbRequest *m, const std::string &bytes) {
@@ -103,7 +114,7 @@ void check(benchmark::State &state, bool ok, const char *what) {
 // ---- encode: a sender's measuring call, then its writing call into a buffer of that size ----
 
 void tov_encode(benchmark::State &state, const Workload &w, bool bump) {
-    Bump arena;
+    Bump &arena = bump_region();
     Request r;
     const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
     const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
@@ -118,7 +129,7 @@ void tov_encode(benchmark::State &state, const Workload &w, bool bump) {
     kesh_tov_request_free_ext(&r, a.free, ctx, 0);
 }
 void gpb_encode(benchmark::State &state, const Workload &w) {
-    GpbArena block;
+    GpbArena &block = gpb_block();
     google::protobuf::Arena arena(block.options());
     auto *m = google::protobuf::Arena::CreateMessage<GpbRequest>(&arena);
     check(state, gpb_parse(m, w.bytes), "parse");
@@ -145,7 +156,7 @@ void pbc_encode(benchmark::State &state, const Workload &w) {
 // ---- decode + free ----
 
 void tov_decode_free(benchmark::State &state, const Workload &w, bool bump) {
-    Bump arena;
+    Bump &arena = bump_region();
     Request r;
     const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
     const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
@@ -156,7 +167,7 @@ void tov_decode_free(benchmark::State &state, const Workload &w, bool bump) {
     }
 }
 void gpb_decode_free(benchmark::State &state, const Workload &w) {
-    GpbArena block;
+    GpbArena &block = gpb_block();
     for (auto _ : state) {
         google::protobuf::Arena arena(block.options());
         auto *m = google::protobuf::Arena::CreateMessage<GpbRequest>(&arena);
@@ -186,7 +197,7 @@ void clock_pause(benchmark::State &state) {
 }
 
 void tov_free(benchmark::State &state, const Workload &w, bool bump) {
-    Bump arena;
+    Bump &arena = bump_region();
     Request r;
     const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
     const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
@@ -199,7 +210,7 @@ void tov_free(benchmark::State &state, const Workload &w, bool bump) {
     }
 }
 void tov_decode_only(benchmark::State &state, const Workload &w, bool bump) {
-    Bump arena;
+    Bump &arena = bump_region();
     Request r;
     const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
     const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
@@ -217,7 +228,7 @@ void tov_decode_only(benchmark::State &state, const Workload &w, bool bump) {
 void tov_duplicate_free(benchmark::State &state, const Workload &w, bool bump) {
     Request source, copy;
     check(state, kesh_tov_request_decode_ext(&source, w.data(), w.size(), calloc_alloc, 0, 0) == 0, "decode");
-    Bump arena;
+    Bump &arena = bump_region();
     const Allocator a = bump ? Allocator{bump_alloc, bump_free} : Allocator{calloc_alloc, calloc_free};
     const uintptr_t ctx = reinterpret_cast<uintptr_t>(&arena);
     for (auto _ : state) {
@@ -230,7 +241,7 @@ void tov_duplicate_free(benchmark::State &state, const Workload &w, bool bump) {
 void gpb_duplicate_free(benchmark::State &state, const Workload &w) {
     GpbRequest source;
     check(state, gpb_parse(&source, w.bytes), "parse");
-    GpbArena block;
+    GpbArena &block = gpb_block();
     for (auto _ : state) {
         google::protobuf::Arena arena(block.options());
         auto *m = google::protobuf::Arena::CreateMessage<GpbRequest>(&arena);
