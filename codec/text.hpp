@@ -46,7 +46,7 @@ template <class Word> [[gnu::always_inline]] inline void copy_ends(uint8_t *to, 
     const uintptr_t start = reinterpret_cast<uintptr_t>(s);
     const auto *block = reinterpret_cast<const __m128i *>(start & ~uintptr_t{15});
     const uint32_t nul = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(block), _mm_setzero_si128())));
-    if (const uint32_t ours = nul & (~0u << (start & 15))) return __builtin_ctz(ours) - (start & 15);
+    if (const uint32_t ours = nul >> (start & 15)) return __builtin_ctz(ours); // bit 0 is the string's first byte
     return std::strlen(s);
 }
 #else
