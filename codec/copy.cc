@@ -132,6 +132,12 @@ template <const MessageDesc &D> struct Copier {
             fields<0, D.field_count>(out, dst, src, result);
     }
 
+    // The rows after a node's run: a node's rarer members, which most nodes skip on one test (the
+    // record's bytes already say "none" for them).
+    [[gnu::always_inline]] static void after_run(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
+        if (owns_any<D, kSelf + 1, D.field_count>(src)) fields<kSelf + 1, D.field_count>(out, dst, src, result);
+    }
+
     // A message that repeats itself: the rows before its own run, then the run's elements (depth
     // first), then the rows after it. The stack holds the ancestors, each in the middle of its run.
     static void tree(const Output &out, uint8_t *dst, const uint8_t *src, Status &result) {
@@ -155,7 +161,7 @@ template <const MessageDesc &D> struct Copier {
                 std::memset(copy, 0, size_t{count} * D.size); // no working memory for this deep a tree
                 result = Status::no_memory;
             }
-            fields<kSelf + 1, D.field_count>(out, dst, src, result);
+            after_run(out, dst, src, result);
             // Up to the next element of an ancestor's run, finishing each ancestor whose run is done.
             for (;;) {
                 if (stack.empty()) return;
@@ -166,7 +172,7 @@ template <const MessageDesc &D> struct Copier {
                     src = load<const uint8_t *>(parent.src + self.offset) + at;
                     break;
                 }
-                fields<kSelf + 1, D.field_count>(out, parent.dst, parent.src, result);
+                after_run(out, parent.dst, parent.src, result);
                 stack.pop();
             }
         }

@@ -99,6 +99,29 @@ template <size_t N> constexpr bool in_tree(const MessageDesc &m, const MessageDe
     return false;
 }
 
+// Where the owning pointers (strings and arrays) of rows [from, to) are, those of their inline
+// records included: when all of them are null, those rows own nothing.
+struct PointerOffsets {
+    uint16_t at[32];
+    size_t count = 0;
+};
+constexpr void add_owned_pointers(PointerOffsets &out, const MessageDesc &m, unsigned from, unsigned to, size_t base) {
+    for (unsigned i = from; i < to; ++i) {
+        const FieldDesc &f = m.fields[i];
+        if (f.kind == Kind::Message) {
+            add_owned_pointers(out, *f.sub, 0, f.sub->field_count, base + f.offset);
+        } else if (f.kind == Kind::String || f.kind == Kind::Strings || f.kind == Kind::Messages) {
+            if (out.count == sizeof out.at / sizeof out.at[0]) throw "too many owning pointers";
+            out.at[out.count++] = static_cast<uint16_t>(base + f.offset);
+        }
+    }
+}
+constexpr PointerOffsets owned_pointers(const MessageDesc &m, unsigned from, unsigned to) {
+    PointerOffsets out{};
+    add_owned_pointers(out, m, from, to, 0);
+    return out;
+}
+
 // Fails compilation (a throw in a constant expression) when a table row names a member of the
 // wrong type, so a table can never silently disagree with its record.
 template <class Member, class Expected> consteval uint16_t checked_offset(size_t offset) {

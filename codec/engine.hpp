@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "codec/descriptor.hpp"
 #include "core/walk_stack.hpp"
@@ -54,6 +55,17 @@ inline bool any_presence(const MessageDesc &d, const uint8_t *record) {
     uint8_t any = 0;
     for (unsigned k = 0; k < d.closure_count; ++k) any |= record[d.closure[k]];
     return any != 0;
+}
+
+// False when every owning pointer of rows [From, To) is null (one test for all of them): the walks
+// that copy and release skip such rows, which for a data tree's rarer members is nearly always.
+template <const MessageDesc &D, unsigned From, unsigned To> inline constexpr PointerOffsets kOwnedPointers =
+    owned_pointers(D, From, To);
+template <const MessageDesc &D, unsigned From, unsigned To>
+[[gnu::always_inline]] inline bool owns_any(const uint8_t *record) {
+    return [record]<size_t... K>(std::index_sequence<K...>) {
+        return (uintptr_t{0} | ... | load<uintptr_t>(record + kOwnedPointers<D, From, To>.at[K])) != 0;
+    }(std::make_index_sequence<kOwnedPointers<D, From, To>.count>{});
 }
 
 // Every scalar, pointer and count 0, every presence bit clear, the non-zero defaults stored;
