@@ -80,50 +80,42 @@ template <const MessageDesc &D> struct Releaser {
     }
 
     // A message that repeats itself: the rows before its own run, then the run's elements (depth
-    // first) and its array, then the rows after it. The node whose run is being released stays in
-    // locals (its record, its array, the next element and the count); the stack holds the nodes
-    // above it, each with the next element of its own run.
+    // first) and its array, then the rows after it. The stack holds the ancestors, each in the
+    // middle of its run.
     static void tree(const Release &r, uint8_t *record) {
         constexpr const FieldDesc &self = D.fields[kSelf];
         struct Frame {
             uint8_t *record;
-            uint32_t index;
+            uint32_t index; // next element of the run
+            uint32_t count;
         };
         CodecStack<Frame> stack;
-        uint8_t *parent = nullptr, *elements = nullptr;
-        uint32_t index = 0, count = 0;
         for (;;) {
             fields<0, kSelf>(r, record);
-            if (auto *run = load<uint8_t *>(record + self.offset)) {
-                if (const uint32_t n = load<uint32_t>(record + self.count_offset)) {
-                    if (parent) must_push(stack, Frame{parent, index});
-                    parent = record;
-                    elements = run;
-                    index = 1;
-                    count = n;
-                    record = run;
+            if (auto *elements = load<uint8_t *>(record + self.offset)) {
+                const uint32_t count = load<uint32_t>(record + self.count_offset);
+                if (count > 0) {
+                    must_push(stack, Frame{record, 1, count});
+                    record = elements;
                     continue;
                 }
-                r.free_fn(run, r.free_ctx);
+                r.free_fn(elements, r.free_ctx);
                 forget_array<kSelf>(record);
             }
             after_run(r, record);
-            // On to the next element of a run, finishing each node whose run is done.
+            // Up to the next element of an ancestor's run, finishing each ancestor whose run is done.
             for (;;) {
-                if (!parent) return;
-                if (index < count) {
-                    record = elements + size_t{index++} * D.size;
+                if (stack.empty()) return;
+                Frame &parent = stack.top();
+                auto *elements = load<uint8_t *>(parent.record + self.offset);
+                if (parent.index < parent.count) {
+                    record = elements + size_t{parent.index++} * D.size;
                     break;
                 }
                 r.free_fn(elements, r.free_ctx);
-                forget_array<kSelf>(parent);
-                after_run(r, parent);
-                if (stack.empty()) return;
-                parent = stack.top().record;
-                index = stack.top().index;
+                forget_array<kSelf>(parent.record);
+                after_run(r, parent.record);
                 stack.pop();
-                elements = load<uint8_t *>(parent + self.offset);
-                count = load<uint32_t>(parent + self.count_offset);
             }
         }
     }
