@@ -6,7 +6,8 @@
 #                             lowest and highest ratio of repetitions run side by side
 #   scripts/bench.sh --count  callgrind instructions per tree node for decode, encode, duplicate
 #                             and free on yang10k, in the x86-64 and the i386 build (stable figures
-#                             on a busy machine, where times are not)
+#                             on a busy machine, where times are not); then decode and free_ext
+#                             timed alone in both builds (bump arena, fastest of 2,000)
 # The workloads are ../shared/workloads beside the repository unless TOV_WORKLOADS names them.
 set -eu
 top=$(cd "$(dirname "$0")/.." && pwd)
@@ -36,6 +37,13 @@ if [ "${1:-}" = --count ]; then
             row="$row $(awk -v i="$ir" -v n="$nodes" 'BEGIN { printf "%10.1f", i / n }')"
         done
         printf '%-8s%s\n' "${b#bench-}" "$row" | sed 's/^bench /x86-64/'
+    done
+    # Times too, where no libprotobuf is needed: the i386 build has none to be compared with.
+    for b in bench bench-i386; do
+        for w in yang10k flat1k chain1k; do
+            printf '%-8s %-8s %s\n' "$(echo "${b#bench-}" | sed 's/^bench$/x86-64/')" "$w" \
+                "$(build/$b/bench/codec_count "$TOV_WORKLOADS/$w.bin" time)"
+        done
     done
     exit 0
 fi
