@@ -50,12 +50,13 @@ struct Bytes16 {
 // only when the string goes on into it, so the bytes around the string's own that they read
 // cannot fault; the address sanitizer, which would report them, is told so.
 #if defined(__SSE2__)
+// Bit i set when byte i of the aligned block is NUL.
+[[gnu::no_sanitize_address]] inline uint32_t nul_in(const __m128i *block) {
+    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(block), _mm_setzero_si128())));
+}
 [[gnu::no_sanitize_address]] inline size_t text_length(const char *s) {
     const uintptr_t start = reinterpret_cast<uintptr_t>(s);
     const auto *block = reinterpret_cast<const __m128i *>(start & ~uintptr_t{15});
-    const auto nul_in = [](const __m128i *b) {
-        return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_load_si128(b), _mm_setzero_si128())));
-    };
     if (const uint32_t ours = nul_in(block) >> (start & 15)) return __builtin_ctz(ours); // bit 0 is the string's first byte
     if (const uint32_t next = nul_in(block + 1)) return 16 - (start & 15) + __builtin_ctz(next);
     return std::strlen(s);
