@@ -104,9 +104,12 @@ template <bool Spans> struct Writer {
     template <uint16_t Key, uint8_t KeySize> [[gnu::always_inline]] void text(const char *s, uint32_t n) {
         if (n < 0x80 && inside(n + 1 + KeySize)) [[likely]] {
             at -= n + 1 + KeySize;
-            uint8_t *p = put_key<Key, KeySize>(buffer + at);
-            *p = static_cast<uint8_t>(n);
-            copy_bytes(p + 1, s, n);
+            uint8_t *text = buffer + at + KeySize + 1;
+            // A string of 1 to 16 bytes goes as the one 16-byte word that ends where it ends: the
+            // bytes in front of it are still to be written, its key and length first. (An empty
+            // one, which may stand for a null item of a string list, copies nothing.)
+            if (n - 1 >= 16 || at + KeySize + 1 + n < 16 || !copy_tail16(text + n, s + n)) copy_bytes(text, s, n);
+            *put_key<Key, KeySize>(buffer + at) = static_cast<uint8_t>(n);
             return;
         }
         at = any_text<Key, KeySize>(buffer, capacity, at, s, n);

@@ -44,6 +44,19 @@ struct Bytes16 {
     }
 }
 
+// Copies the 16 bytes that end at `end` to those that end at `to`, when they lie in the page of
+// the byte before `end` (a page further back might not be mapped); false, and nothing copied,
+// when they do not. For a string of at most 16 bytes that ends at `end`, whose copy may also
+// overwrite the bytes in front of its place.
+[[gnu::no_sanitize_address]] inline bool copy_tail16(uint8_t *to, const char *end) {
+    const uintptr_t last = reinterpret_cast<uintptr_t>(end) - 1;
+    if ((last & 4095) < 15) return false;
+    Bytes16 word;
+    std::memcpy(&word, end - 16, sizeof word);
+    std::memcpy(to - 16, &word, sizeof word);
+    return true;
+}
+
 // strlen without a call for the short names and values of a tree: the 16-byte aligned block that
 // holds the first byte is searched for the NUL, then the block after it, and only a string that
 // runs past both goes to strlen. An aligned block never crosses a page, and the second is read
