@@ -99,13 +99,15 @@ template <size_t N> constexpr bool in_tree(const MessageDesc &m, const MessageDe
     return false;
 }
 
-// Where the owning pointers (strings and arrays) of rows [from, to) are, those of their inline
-// records included: when all of them are null, those rows own nothing.
-struct PointerOffsets {
-    uint16_t at[32];
+// A list of member offsets within a record, made at compile time from a table.
+struct Offsets {
+    uint16_t at[96];
     size_t count = 0;
 };
-constexpr void add_owned_pointers(PointerOffsets &out, const MessageDesc &m, unsigned from, unsigned to, size_t base) {
+
+// Where the owning pointers (strings and arrays) of rows [from, to) are, those of their inline
+// records included: when all of them are null, those rows own nothing.
+constexpr void add_owned_pointers(Offsets &out, const MessageDesc &m, unsigned from, unsigned to, size_t base) {
     for (unsigned i = from; i < to; ++i) {
         const FieldDesc &f = m.fields[i];
         if (f.kind == Kind::Message) {
@@ -116,8 +118,8 @@ constexpr void add_owned_pointers(PointerOffsets &out, const MessageDesc &m, uns
         }
     }
 }
-constexpr PointerOffsets owned_pointers(const MessageDesc &m, unsigned from, unsigned to) {
-    PointerOffsets out{};
+constexpr Offsets owned_pointers(const MessageDesc &m, unsigned from, unsigned to) {
+    Offsets out{};
     add_owned_pointers(out, m, from, to, 0);
     return out;
 }

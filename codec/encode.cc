@@ -256,7 +256,7 @@ template <const MessageDesc &D, size_t From, size_t To, class Out, size_t... K>
 template <const MessageDesc &D, size_t From, size_t To> inline constexpr uint32_t kRangeMask =
     To - From >= 32 ? ~0u : ((1u << (To - From)) - 1) << From;
 template <const MessageDesc &D, size_t From, size_t To> inline constexpr auto kInlinePresence = [] {
-    struct { uint16_t at[96]; size_t count = 0; } bytes{};
+    Offsets bytes{};
     for (size_t i = From; i < To; ++i)
         if (const FieldDesc &f = D.fields[i]; f.kind == Kind::Message)
             for (size_t k = 0; k < f.sub->closure_count; ++k) bytes.at[bytes.count++] = static_cast<uint16_t>(f.offset + f.sub->closure[k]);

@@ -59,7 +59,7 @@ inline bool any_presence(const MessageDesc &d, const uint8_t *record) {
 
 // False when every owning pointer of rows [From, To) is null (one test for all of them): the walks
 // that copy and release skip such rows, which for a data tree's rarer members is nearly always.
-template <const MessageDesc &D, unsigned From, unsigned To> inline constexpr PointerOffsets kOwnedPointers =
+template <const MessageDesc &D, unsigned From, unsigned To> inline constexpr Offsets kOwnedPointers =
     owned_pointers(D, From, To);
 template <const MessageDesc &D, unsigned From, unsigned To>
 [[gnu::always_inline]] inline bool owns_any(const uint8_t *record) {
